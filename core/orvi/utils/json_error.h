@@ -1,0 +1,11 @@
+// The one way a JSON failure is reported: where parsing of outside input
+// starts, the exception is caught and logged with the offending text, and
+// the caller returns an empty result.
+#pragma once
+
+#include "orvi/utils/logger.h"
+
+// Logs "Error: <what>, original json: <text>" at error level, with the
+// caller's source location. `text` is a std::string.
+#define ORVI_LOG_JSON_ERROR(exception, text) \
+  ORVI_LOGE("Error: %s, original json: %s", (exception).what(), (text).c_str())
