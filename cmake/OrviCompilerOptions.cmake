@@ -17,3 +17,10 @@ if(ORVI_SANITIZE)
   add_compile_options(${_orvi_san_flags} -fno-omit-frame-pointer)
   add_link_options(${_orvi_san_flags})
 endif()
+
+# Fuzzing instruments every target for coverage; only the fuzzers themselves
+# link libFuzzer's driver.
+if(ORVI_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

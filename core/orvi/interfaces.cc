@@ -3,7 +3,6 @@
 // hosts and the library agree on one copy.
 #include "orvi/conversation.h"
 #include "orvi/conversation_hub.h"
-#include "orvi/message_utils.h"
 #include "orvi/sync_channel.h"
 
 namespace orvi {
@@ -11,6 +10,5 @@ namespace orvi {
 Conversation::~Conversation() = default;
 ConversationHub::~ConversationHub() = default;
 SyncChannel::~SyncChannel() = default;
-MessageUtils::~MessageUtils() = default;
 
 }  // namespace orvi

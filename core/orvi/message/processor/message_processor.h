@@ -1,0 +1,74 @@
+// MessageProcessor turns text from the host into message wrappers and public
+// records, and wrappers into stored records. It is stateless: every function
+// may be called from any thread at once, and every JSON failure is caught,
+// logged with the offending text and turned into an empty result, so a bad
+// frame never escapes to the caller.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "orvi/conversation_types.h"
+#include "orvi/message/processor/wire_records.h"
+#include "orvi/message/wrapper/message_base.h"
+
+namespace orvi {
+
+// One section brought back from the server: its messages as wrappers, in
+// the server's order, and the system message that closed it, if any.
+struct RecoveredSection {
+  RecoverStatus status = RecoverStatus::Completed;
+  std::vector<MessagePtr> messages;
+  MessagePtr finish_system_message;
+};
+
+struct RecoverSectionResult {
+  bool valid = false;  // the reply parsed and its "ret" was "0"
+  RecoveredSection section;
+};
+
+struct RecoverSectionsResult {
+  bool valid = false;
+  bool has_more = false;
+  std::string next_cursor;
+  std::vector<RecoveredSection> sections;
+};
+
+class MessageProcessor {
+ public:
+  // Every frame the host pushes, and every stored frame loaded again. A frame
+  // is remote when it is a JSON object with an "event" or a "content" key,
+  // and local (a stored user message) otherwise. Null when nothing usable.
+  static MessagePtr parse(const std::string& text);
+
+  static MessagePtr _parseLocalMessage(const idl::Json& json);
+  static MessagePtr _parseRemoteMessage(const idl::DownlinkMessage& frame);
+  // Replaces Base64-of-gzip content by its plain text; any other algorithm
+  // is logged and left alone.
+  static void _unCompressContent(std::string& content, const idl::Compression& compression);
+
+  // Whether `text` is a frame whose "content" object is an assistant message
+  // with the given server id.
+  static bool isMatchAssistantMessage(const std::string& text, const std::string& message_id);
+
+  // The stored form of a message (docs/record-layout.md). An empty record
+  // (empty type) when the message cannot or need not be stored.
+  static MessageRecord message2Record(const MessagePtr& message);
+
+  static RecoverSectionResult recoverSection(const std::string& body);
+  static RecoverSectionsResult recoverSections(const std::string& body);
+  // A failed reply comes back with `error` set.
+  static ConversationListInfo parseConversationListResp(const std::string& body);
+  static bool parseConversationMsgDeleteResp(const std::string& body);
+  static bool parseConversationBatchDeleteResp(const std::string& body);
+
+ private:
+  static std::string _marshalRemoteMessage(const MessagePtr& message, idl::RemoteEventType event);
+  static RecoveredSection _toRecoveredSection(const idl::RecoverSectionData& data);
+  static MessagePtr _wrapRecoveredMessage(const idl::RecoverMessage& message);
+  static bool _parseDeleteResp(const std::string& body);
+};
+
+}  // namespace orvi

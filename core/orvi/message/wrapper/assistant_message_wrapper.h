@@ -1,0 +1,34 @@
+// The wrapper of an assistant message: the wire message the server sent and
+// the public AssistantMessage built from it once. Streamed deltas change the
+// public record; marshal writes the message as it stands now.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "orvi/message/processor/wire_records.h"
+#include "orvi/message/wrapper/message_base.h"
+#include "orvi/message_types.h"
+
+namespace orvi {
+
+class AssistantMessageWrapper : public MessageBase {
+ public:
+  AssistantMessageWrapper() = default;
+
+  MessageKind type() const override { return MessageKind::Assistant; }
+  // Builds the public record once; later calls leave it as it is.
+  void sync() override;
+  std::string marshal() const override;
+  bool unmarshal(const std::string& text) override;
+
+  const std::shared_ptr<AssistantMessage>& message() const { return message_; }
+  void setMessage(std::shared_ptr<AssistantMessage> message) { message_ = std::move(message); }
+  const idl::Message& wire() const { return wire_; }
+
+ private:
+  idl::Message wire_;
+  std::shared_ptr<AssistantMessage> message_;
+};
+
+}  // namespace orvi
