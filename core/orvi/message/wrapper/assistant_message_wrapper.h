@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "orvi/message/engine/patched_document.h"
 #include "orvi/message/processor/wire_records.h"
 #include "orvi/message/wrapper/message_base.h"
 #include "orvi/message_types.h"
@@ -25,9 +26,12 @@ class AssistantMessageWrapper : public MessageBase {
   const std::shared_ptr<AssistantMessage>& message() const { return message_; }
   void setMessage(std::shared_ptr<AssistantMessage> message) { message_ = std::move(message); }
   const idl::Message& wire() const { return wire_; }
+  // The parsed payload that delta patching keeps (MessageEngine::patch).
+  PatchedDocument& patchCache() { return patch_cache_; }
 
  private:
   idl::Message wire_;
+  PatchedDocument patch_cache_;
   std::shared_ptr<AssistantMessage> message_;
 };
 
