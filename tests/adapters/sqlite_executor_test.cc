@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -82,6 +83,12 @@ void execOn(const std::string& path, const char* sql) {
 // The row semantics every executor shares: each case runs on orvi_sqlite and
 // on the in-memory executor that the library's other tests rely on.
 enum class Kind { Sqlite, Memory };
+const char* nameOf(Kind kind) {
+  return kind == Kind::Sqlite ? "Sqlite" : "Memory";
+}
+void PrintTo(Kind kind, std::ostream* out) {
+  *out << nameOf(kind);
+}
 
 class SqlExecutorContract : public ::testing::TestWithParam<Kind> {
  protected:
@@ -312,9 +319,8 @@ TEST_P(SqlExecutorContract, MigrationFlagIsStored) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothExecutors, SqlExecutorContract,
-                         ::testing::Values(Kind::Sqlite, Kind::Memory), [](const auto& info) {
-                           return info.param == Kind::Sqlite ? "Sqlite" : "Memory";
-                         });
+                         ::testing::Values(Kind::Sqlite, Kind::Memory),
+                         [](const auto& info) { return std::string(nameOf(info.param)); });
 
 TEST(SqliteExecutorTest, DataSurvivesClosingAndReopening) {
   ScratchDir dir;
