@@ -133,7 +133,7 @@ class SqlExecutorContract : public ::testing::TestWithParam<Kind> {
   std::vector<std::string> errors_;  // guarded by errors_mutex_
 };
 
-TEST_P(SqlExecutorContract, ConversationsAreSavedReplacedUpdatedListedAndDeleted) {
+TEST_P(SqlExecutorContract, ConversationsAndTheMigrationFlagAreStored) {
   auto sql = fresh();
   ASSERT_TRUE(sql);
   const ConversationInfo a("a", "", "A", 10, std::nullopt, std::nullopt, "");
@@ -178,6 +178,10 @@ TEST_P(SqlExecutorContract, ConversationsAreSavedReplacedUpdatedListedAndDeleted
     EXPECT_EQ(ids, w.ids) << w.offset.value_or(-99) << "/" << w.limit.value_or(-99);
     EXPECT_EQ(has_more, w.has_more) << w.offset.value_or(-99) << "/" << w.limit.value_or(-99);
   }
+
+  EXPECT_FALSE(sql->isMigrated());
+  ASSERT_TRUE(sql->setMigrated(true));
+  EXPECT_TRUE(sql->isMigrated());
 
   ASSERT_TRUE(sql->deleteConversations({"b", "missing", "a"}));
   EXPECT_EQ(describeAll(list(*sql)), describeAll(std::vector<ConversationInfo>{c2, d}));
@@ -306,16 +310,6 @@ TEST_P(SqlExecutorContract, PagingBackwardsVisitsEveryMessageOnceWhileNewOnesArr
   EXPECT_EQ(contentsOf(oldest.messages), std::vector<std::string>{"0"});
   EXPECT_FALSE(oldest.has_more);
   EXPECT_TRUE(page(*sql, "nobody", std::nullopt, 10).messages.empty());
-}
-
-TEST_P(SqlExecutorContract, MigrationFlagIsStored) {
-  auto sql = fresh();
-  ASSERT_TRUE(sql);
-  EXPECT_FALSE(sql->isMigrated());
-  ASSERT_TRUE(sql->setMigrated(true));
-  EXPECT_TRUE(sql->isMigrated());
-  ASSERT_TRUE(sql->setMigrated(false));
-  EXPECT_FALSE(sql->isMigrated());
 }
 
 INSTANTIATE_TEST_SUITE_P(BothExecutors, SqlExecutorContract,
