@@ -4,7 +4,9 @@ include(CMakePackageConfigHelpers)
 
 set(ORVI_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/orvi)
 
-install(TARGETS orvi EXPORT orviTargets
+# orvi::headers is exported for the adapters that build on it (orvi::sqlite).
+set_target_properties(orvi_headers PROPERTIES EXPORT_NAME headers)
+install(TARGETS orvi orvi_headers EXPORT orviTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}

@@ -1,0 +1,105 @@
+// Storing messages: 10,000 MessageRecords posted to the Cacher and written by
+// orvi_sqlite (one transaction per record, on the I/O worker) until all are
+// in the file, beside the floor of inserting the same rows with one prepared
+// statement in one transaction. Both use manual timing so that the setup of
+// each file stays outside the measurement; the Cacher run reports its
+// slowdown against the floor measured earlier in the same run.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <memory>
+
+#include "history_bench_support.h"
+#include "orvi/history/cacher/cacher.h"
+#include "orvi/logger.h"
+#include "orvi/sqlite/sqlite_executor.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr size_t kMessages = 10000;
+
+double g_floor_seconds_per_message = 0;  // set by the floor benchmark
+
+void BM_StoreMessages_FloorOneTransaction(benchmark::State& state) {
+  const auto records = orvi::bench::sampleMessages("conversation", kMessages);
+  double total = 0;
+  for (auto _ : state) {
+    orvi::bench::ScratchDir dir;
+    const std::string path = dir.file("history.db");
+    if (!orvi::sqlite::SqliteExecutor::open(path)) return state.SkipWithError("open failed");
+    const auto start = Clock::now();
+    const bool ok = orvi::bench::insertFloor(path, records);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (!ok || orvi::bench::countMessages(path) != static_cast<int64_t>(kMessages)) {
+      return state.SkipWithError("floor insert failed");
+    }
+    state.SetIterationTime(seconds);
+    total += seconds;
+  }
+  g_floor_seconds_per_message = total / static_cast<double>(state.iterations() * kMessages);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kMessages));
+}
+
+// Between the two: the executor called directly, one transaction per record,
+// which separates the cost of SQLite commits from the cost of the queue.
+void BM_StoreMessages_SqliteExecutorDirect(benchmark::State& state) {
+  const auto records = orvi::bench::sampleMessages("conversation", kMessages);
+  for (auto _ : state) {
+    orvi::bench::ScratchDir dir;
+    auto sql = orvi::sqlite::SqliteExecutor::open(dir.file("history.db"));
+    if (!sql) return state.SkipWithError("open failed");
+    const auto start = Clock::now();
+    for (const auto& record : records) {
+      if (!sql->insertMessage(record)) return state.SkipWithError("insert failed");
+    }
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kMessages));
+}
+
+void BM_StoreMessages_CacherToSqlite(benchmark::State& state) {
+  orvi::ILogger::setLogLevel(orvi::LogLevel::Error);
+  const auto records = orvi::bench::sampleMessages("conversation", kMessages);
+  double total = 0;
+  for (auto _ : state) {
+    orvi::bench::ScratchDir dir;
+    const std::string path = dir.file("history.db");
+    auto sql = orvi::sqlite::SqliteExecutor::open(path);
+    if (!sql) return state.SkipWithError("open failed");
+    orvi::Cacher cacher(dir.path(), 30);
+    cacher.registerSqlExecutor(sql);
+    if (!cacher.init()) return state.SkipWithError("cacher init failed");
+
+    const auto start = Clock::now();
+    for (const auto& record : records) cacher.insertMessage(record);
+    const bool drained = cacher.waitForWrites(std::chrono::minutes(5));
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (!drained || orvi::bench::countMessages(path) != static_cast<int64_t>(kMessages)) {
+      return state.SkipWithError("not every message reached the file");
+    }
+    state.SetIterationTime(seconds);
+    total += seconds;
+  }
+  const double per_message = total / static_cast<double>(state.iterations() * kMessages);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kMessages));
+  if (g_floor_seconds_per_message > 0) {
+    state.counters["x_floor"] = per_message / g_floor_seconds_per_message;
+  }
+}
+
+}  // namespace
+
+// The floor first: the Cacher run divides by its time.
+BENCHMARK(BM_StoreMessages_FloorOneTransaction)
+    ->Iterations(5)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StoreMessages_SqliteExecutorDirect)
+    ->Iterations(5)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StoreMessages_CacherToSqlite)
+    ->Iterations(5)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
