@@ -84,6 +84,16 @@ class Cacher {
   // called from a task, since the worker cannot wait for itself.
   bool waitForWrites(std::chrono::milliseconds timeout);
 
+  // Moves the legacy JSON history ("orvi_history.json" and one message file
+  // per conversation in the cache directory) into the executor, once: the
+  // executor remembers that it ran, and a failed read of the index is final
+  // too. The writes are queued like any other. False without an executor or
+  // when the index cannot be read.
+  bool firstMigrationToDb();
+  // The stored messages of one legacy conversation file; none when the file
+  // is missing or unreadable.
+  std::vector<MessageRecord> loadMessages(const ConversationInfo& conversation);
+
  private:
   // Queue, stop flag and wake-up shared with the worker thread, so that the
   // worker can finish safely even when the cacher is destroyed from a task.

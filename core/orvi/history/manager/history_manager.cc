@@ -1,0 +1,318 @@
+#include "orvi/history/manager/history_manager.h"
+
+#include <algorithm>
+#include <chrono>
+#include <unordered_set>
+
+#include "orvi/history/cacher/cacher.h"
+#include "orvi/message/processor/message_processor.h"
+#include "orvi/utils/logger.h"
+
+namespace orvi {
+namespace {
+
+int64_t nowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// Newest first, the order the executor lists them in.
+void sortConversations(std::vector<ConversationInfo>& conversations) {
+  std::stable_sort(conversations.begin(), conversations.end(),
+                   [](const ConversationInfo& a, const ConversationInfo& b) {
+                     if (a.create_time != b.create_time) return a.create_time > b.create_time;
+                     return a.local_conversation_id < b.local_conversation_id;
+                   });
+}
+
+}  // namespace
+
+HistoryManager::HistoryManager() = default;
+
+HistoryManager::~HistoryManager() { ORVI_LOGI("HistoryManager::~HistoryManager"); }
+
+bool HistoryManager::init(const std::string& cache_path, std::shared_ptr<ISqlExecutor> executor,
+                          int64_t retention_days, bool enable_merge) {
+  if (cacher_ && cacher_->inited()) {
+    ORVI_LOGE("HistoryManager is already inited");
+    return false;
+  }
+  cache_path_ = cache_path;
+  executor_ = executor;
+  retention_days_ = retention_days;
+  enable_merge_ = enable_merge;
+  ORVI_LOGI("HistoryManager::init, cache_path = %s", cache_path.c_str());
+
+  auto cacher = std::make_shared<Cacher>(cache_path, retention_days);
+  const bool has_executor = executor != nullptr;
+  cacher->registerSqlExecutor(std::move(executor));
+  cacher_ = cacher;
+  // Without an executor there is no history to keep; failing here lets the
+  // host configure again with one.
+  if (!has_executor || !cacher->init()) return false;
+
+  // Each step reads what the previous one queued, and reads may overtake
+  // queued writes: let each step's writes land first.
+  constexpr std::chrono::seconds kStepTimeout(30);
+  cacher->firstMigrationToDb();
+  cacher->waitForWrites(kStepTimeout);
+  cacher->removeExpiredConversations();
+  cacher->waitForWrites(kStepTimeout);
+  auto loaded = cacher->queryConversations();
+  size_t count = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    conversations_ = std::move(loaded);
+    count = conversations_.size();
+  }
+  ORVI_LOGI("init success, loaded %zu conversations", count);
+  return true;
+}
+
+std::shared_ptr<Cacher> HistoryManager::readyCacher(const char* operation) {
+  if (!cacher_) {
+    ORVI_LOGE("%s failed, cacher_ is null", operation);
+    return nullptr;
+  }
+  if (!cacher_->inited()) {
+    ORVI_LOGE("%s failed, cacher_ is not inited", operation);
+    return nullptr;
+  }
+  return cacher_;
+}
+
+std::vector<ConversationInfo>::iterator HistoryManager::findLocked(
+    const std::string& local_conversation_id) {
+  return std::find_if(conversations_.begin(), conversations_.end(),
+                      [&](const ConversationInfo& info) {
+                        return info.local_conversation_id == local_conversation_id;
+                      });
+}
+
+void HistoryManager::addConversation(const std::string& local_conversation_id,
+                                     const std::string& conversation_id,
+                                     const std::string& name) {
+  auto cacher = readyCacher("addConversation");
+  if (!cacher) return;
+  std::vector<ConversationInfo> snapshot;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto existing = findLocked(local_conversation_id);
+    if (existing != conversations_.end()) {
+      ORVI_LOGI("SKIP to add conversation, local_conversation_id: %s, name: %s is already record",
+                local_conversation_id.c_str(), existing->name.c_str());
+      return;
+    }
+    const int64_t now = nowMs();
+    conversations_.emplace_back(local_conversation_id, conversation_id, name, now, now,
+                                std::nullopt, std::string());
+    snapshot = conversations_;
+  }
+  ORVI_LOGI("add conversation success, local_conversation_id: %s, conversation_id: %s, name: %s",
+            local_conversation_id.c_str(), conversation_id.c_str(), name.c_str());
+  cacher->saveConversations(std::move(snapshot));
+}
+
+std::string HistoryManager::getConversationId(const std::string& local_conversation_id) {
+  if (!readyCacher("getConversationId")) return std::string();
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = findLocked(local_conversation_id);
+  return it == conversations_.end() ? std::string() : it->conversation_id;
+}
+
+std::vector<ConversationInfo> HistoryManager::conversations() {
+  if (!readyCacher("conversations")) return {};
+  std::lock_guard<std::mutex> lock(mutex_);
+  return conversations_;
+}
+
+bool HistoryManager::findConversation(const std::string& local_conversation_id,
+                                      ConversationInfo& out) {
+  if (!readyCacher("findConversation")) return false;
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = findLocked(local_conversation_id);
+  if (it == conversations_.end()) return false;
+  out = *it;
+  return true;
+}
+
+void HistoryManager::updateConversation(const ConversationInfo& conversation) {
+  auto cacher = readyCacher("updateConversation");
+  if (!cacher) return;
+  std::vector<ConversationInfo> snapshot;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = findLocked(conversation.local_conversation_id);
+    if (it == conversations_.end()) return;
+    *it = conversation;
+    snapshot = conversations_;
+  }
+  cacher->updateConversations(std::move(snapshot));
+}
+
+void HistoryManager::saveConversationInfos(const std::vector<ConversationInfo>& page) {
+  auto cacher = readyCacher("saveConversationInfos");
+  if (!cacher) return;
+  std::vector<ConversationInfo> snapshot;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& remote : page) {
+      const auto it = findLocked(remote.local_conversation_id);
+      if (it == conversations_.end()) {
+        conversations_.push_back(remote);
+        continue;
+      }
+      // The server is the authority on what it names; the local create
+      // time stays, since expiry is counted from it.
+      if (!remote.conversation_id.empty()) it->conversation_id = remote.conversation_id;
+      if (!remote.name.empty()) it->name = remote.name;
+      if (remote.update_time) it->update_time = remote.update_time;
+      if (remote.message_count) it->message_count = remote.message_count;
+      if (!remote.extra.empty()) it->extra = remote.extra;
+    }
+    sortConversations(conversations_);
+    snapshot = conversations_;
+  }
+  cacher->saveConversations(std::move(snapshot));
+}
+
+void HistoryManager::deleteConversation(const std::string& local_conversation_id) {
+  auto cacher = readyCacher("deleteConversation");
+  if (!cacher) return;
+  std::vector<ConversationInfo> snapshot;
+  bool found = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = findLocked(local_conversation_id);
+    if (it != conversations_.end()) {
+      ORVI_LOGI(
+          "delete local conversation: local_conversation_id: %s, conversation_id: %s, name: %s, "
+          "create_time: %ld",
+          it->local_conversation_id.c_str(), it->conversation_id.c_str(), it->name.c_str(),
+          static_cast<long>(it->create_time));
+      conversations_.erase(it);
+      snapshot = conversations_;
+      found = true;
+    }
+  }
+  if (found) {
+    cacher->saveConversations(std::move(snapshot));
+    cacher->deleteConversations({local_conversation_id});
+  }
+  // Messages go even when the list never knew the conversation.
+  cacher->removeMessages(local_conversation_id);
+}
+
+void HistoryManager::deactivateConversation(const std::string& local_conversation_id) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    states_.erase(local_conversation_id);
+  }
+  ORVI_LOGI("deactivate local conversation: %s", local_conversation_id.c_str());
+}
+
+void HistoryManager::setHistoryMessageLimited(const std::string& local_conversation_id,
+                                              int32_t limited) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    states_[local_conversation_id].limited = limited;
+  }
+  ORVI_LOGI("setHistoryMessageLimited, local_conversation_id: %s, limited: %d",
+            local_conversation_id.c_str(), limited);
+}
+
+int32_t HistoryManager::historyMessageLimited(const std::string& local_conversation_id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = states_.find(local_conversation_id);
+  return it == states_.end() ? 0 : it->second.limited;
+}
+
+std::vector<std::string> HistoryManager::getMessages(const std::string& local_conversation_id) {
+  auto cacher = readyCacher("getMessages");
+  if (!cacher) return {};
+  std::vector<std::string> frames;
+  for (auto& record : cacher->queryMessages(local_conversation_id)) {
+    frames.push_back(std::move(record.content));
+  }
+  ORVI_LOGI("local_conversation_id: %s load message history size: %zu",
+            local_conversation_id.c_str(), frames.size());
+  return frames;
+}
+
+MessageQueryResult HistoryManager::getMessages(const std::string& local_conversation_id,
+                                               int32_t cursor, int32_t count) {
+  auto cacher = readyCacher("getMessages");
+  if (!cacher) return MessageQueryResult();
+  return cacher->queryMessages(local_conversation_id, cursor, count);
+}
+
+void HistoryManager::recordMessage(const MessagePtr& message) {
+  auto cacher = readyCacher("recordMessage");
+  if (!cacher) return;
+  MessageRecord record = MessageProcessor::message2Record(message);
+  if (record.type.empty()) {
+    ORVI_LOGE("message2Record failed, message type: %d",
+              message ? static_cast<int>(message->type()) : -1);
+    return;
+  }
+  cacher->insertMessage(std::move(record));
+}
+
+void HistoryManager::updateMessage(const MessagePtr& message) {
+  auto cacher = readyCacher("updateMessage");
+  if (!cacher) return;
+  MessageRecord record = MessageProcessor::message2Record(message);
+  if (record.type.empty()) {
+    ORVI_LOGE("message2Record failed, message type: %d",
+              message ? static_cast<int>(message->type()) : -1);
+    return;
+  }
+  ORVI_LOGI("update message, local_conversation_id: %s, message_id: %s, local_message_id: %s",
+            record.local_conversation_id.c_str(), record.message_id.c_str(),
+            record.local_message_id.c_str());
+  cacher->updateMessage(std::move(record));
+}
+
+void HistoryManager::deleteMessage(const std::string& local_conversation_id,
+                                   const std::string& local_message_id) {
+  auto cacher = readyCacher("deleteMessage");
+  if (!cacher) return;
+  ORVI_LOGI("remove message, local_conversation_id: %s, local_message_id: %s",
+            local_conversation_id.c_str(), local_message_id.c_str());
+  cacher->removeMessage(local_conversation_id, local_message_id);
+}
+
+void HistoryManager::mergeMessage(const std::string& local_conversation_id,
+                                  const std::vector<MessagePtr>& messages) {
+  if (!enable_merge_) return;
+  auto cacher = readyCacher("mergeMessage");
+  if (!cacher) return;
+  std::unordered_set<std::string> stored_ids;
+  std::unordered_set<std::string> stored_local_ids;
+  for (const auto& record : cacher->queryMessages(local_conversation_id)) {
+    if (!record.message_id.empty()) stored_ids.insert(record.message_id);
+    if (!record.local_message_id.empty()) stored_local_ids.insert(record.local_message_id);
+  }
+  for (const auto& message : messages) {
+    if (!message) continue;
+    if (message->type() != MessageKind::User && message->type() != MessageKind::Assistant) {
+      continue;
+    }
+    const MessageEnvelope& ids = message->envelope();
+    const bool stored = (!ids.message_id.empty() && stored_ids.count(ids.message_id)) ||
+                        (!ids.local_message_id.empty() && stored_local_ids.count(ids.local_message_id));
+    if (stored) {
+      updateMessage(message);
+    } else {
+      recordMessage(message);
+    }
+  }
+}
+
+bool HistoryManager::flush() {
+  auto cacher = readyCacher("flush");
+  return cacher && cacher->waitForWrites(std::chrono::seconds(30));
+}
+
+}  // namespace orvi

@@ -1,0 +1,91 @@
+// HistoryManager: the keeper of the local history. It holds the list of
+// known conversations in memory and reads and writes stored messages through
+// its Cacher (and, behind it, the host's ISqlExecutor).
+//
+// Owned by the conversation hub, which calls init from ConversationHub::config;
+// conversations share it. Every method may be called from any thread: the
+// manager mutex guards the conversation list and the per-conversation state;
+// writes are queued on the cacher's worker, reads run on the caller's thread.
+// Until init has succeeded every operation logs and does nothing.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "orvi/conversation_types.h"
+#include "orvi/message/wrapper/message_base.h"
+#include "orvi/sql_executor.h"
+
+namespace orvi {
+
+class Cacher;
+
+class HistoryManager {
+ public:
+  HistoryManager();
+  ~HistoryManager();
+  HistoryManager(const HistoryManager&) = delete;
+  HistoryManager& operator=(const HistoryManager&) = delete;
+
+  // Creates the cacher over `executor`, migrates the legacy JSON history,
+  // expires conversations older than `retention_days` and loads the list.
+  bool init(const std::string& cache_path, std::shared_ptr<ISqlExecutor> executor,
+            int64_t retention_days, bool enable_merge);
+
+  // Conversations.
+  void addConversation(const std::string& local_conversation_id,
+                       const std::string& conversation_id, const std::string& name);
+  std::string getConversationId(const std::string& local_conversation_id);
+  std::vector<ConversationInfo> conversations();
+  bool findConversation(const std::string& local_conversation_id, ConversationInfo& out);
+  void updateConversation(const ConversationInfo& conversation);
+  // Merges a page of the server's list into the local one.
+  void saveConversationInfos(const std::vector<ConversationInfo>& conversations);
+  void deleteConversation(const std::string& local_conversation_id);
+  void deactivateConversation(const std::string& local_conversation_id);
+  void setHistoryMessageLimited(const std::string& local_conversation_id, int32_t limited);
+  // The conversation's limit; 0 when it has none.
+  int32_t historyMessageLimited(const std::string& local_conversation_id);
+
+  // Messages. getMessages gives every stored frame, oldest first; the paged
+  // form pages back from the newest (see docs/history.md).
+  std::vector<std::string> getMessages(const std::string& local_conversation_id);
+  MessageQueryResult getMessages(const std::string& local_conversation_id, int32_t cursor,
+                                 int32_t count);
+  void recordMessage(const MessagePtr& message);
+  void updateMessage(const MessagePtr& message);
+  void deleteMessage(const std::string& local_conversation_id,
+                     const std::string& local_message_id);
+  // With the merge switch on, stores user and assistant messages, updating
+  // those already stored.
+  void mergeMessage(const std::string& local_conversation_id,
+                    const std::vector<MessagePtr>& messages);
+
+  // Blocks until queued writes have reached the executor (tests, shutdown).
+  bool flush();
+
+ private:
+  struct ConversationState {
+    int32_t limited = 0;
+  };
+
+  // The cacher when it is ready, else null after logging why.
+  std::shared_ptr<Cacher> readyCacher(const char* operation);
+  std::vector<ConversationInfo>::iterator findLocked(const std::string& local_conversation_id);
+
+  std::string cache_path_;
+  std::shared_ptr<ISqlExecutor> executor_;
+  int64_t retention_days_ = 0;
+  bool enable_merge_ = false;
+  std::shared_ptr<Cacher> cacher_;
+
+  std::mutex mutex_;
+  std::vector<ConversationInfo> conversations_;                   // guarded by mutex_
+  std::unordered_map<std::string, ConversationState> states_;     // guarded by mutex_
+};
+
+}  // namespace orvi

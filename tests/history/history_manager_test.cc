@@ -1,0 +1,280 @@
+#include "orvi/history/manager/history_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "orvi/message/processor/message_processor.h"
+#include "orvi/message/wrapper/assistant_message_wrapper.h"
+#include "orvi/message/wrapper/user_message_wrapper.h"
+#include "orvi/sqlite/sqlite_executor.h"
+#include "support/memory_sql_executor.h"
+#include "support/recording_log_handler.h"
+#include "support/temp_dir.h"
+
+namespace orvi {
+namespace {
+
+using nlohmann::json;
+using sqlite::SqliteExecutor;
+
+std::shared_ptr<UserMessageWrapper> userMessage(const std::string& conversation,
+                                                const std::string& text) {
+  InputMessage input;
+  input.content = MessageContent(text, 0);
+  auto wrapper = UserMessageWrapper::fromInput(input, conversation, "srv-" + conversation);
+  wrapper->setSectionIds("s", "ls");
+  wrapper->sync();
+  return wrapper;
+}
+
+MessagePtr assistantMessage(const std::string& conversation, const std::string& id,
+                            const std::string& text) {
+  const json content = {{"message_id", id},
+                        {"role", "assistant"},
+                        {"content", {{"payload", json({{"text", text}}).dump()}}},
+                        {"status", 2}};
+  return MessageProcessor::parse(json({{"conversation_id", "srv-" + conversation},
+                                       {"local_conversation_id", conversation},
+                                       {"section_id", "s"},
+                                       {"local_section_id", "ls"},
+                                       {"event", "message"},
+                                       {"content", content.dump()}})
+                                     .dump());
+}
+
+int64_t nowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+class HistoryManagerTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<SqliteExecutor> openDatabase() {
+    std::string error;
+    auto sql = SqliteExecutor::open(dir_.file("history.db"), &error);
+    EXPECT_TRUE(sql) << error;
+    return sql;
+  }
+
+  test::ScopedLogCapture log_;
+  test::TempDir dir_{"orvi-history"};
+};
+
+TEST_F(HistoryManagerTest, MessagesSurviveARestartInOrder) {
+  std::vector<std::string> expected_ids;
+  {
+    HistoryManager history;
+    ASSERT_TRUE(history.init(dir_.path(), openDatabase(), 30, false));
+    history.addConversation("lc1", "srv-lc1", "first");
+    for (int i = 0; i < 20; ++i) {
+      auto user = userMessage("lc1", "question " + std::to_string(i));
+      expected_ids.push_back(user->message()->local_message_id);
+      history.recordMessage(user);
+      history.recordMessage(assistantMessage("lc1", "a" + std::to_string(i), "answer"));
+      expected_ids.push_back("a" + std::to_string(i));
+    }
+    history.recordMessage(assistantMessage("other", "x", "not mine"));
+    ASSERT_TRUE(history.flush());
+  }
+
+  HistoryManager reopened;
+  ASSERT_TRUE(reopened.init(dir_.path(), openDatabase(), 30, false));
+  EXPECT_EQ(reopened.getConversationId("lc1"), "srv-lc1");
+  const auto frames = reopened.getMessages("lc1");
+  ASSERT_EQ(frames.size(), expected_ids.size());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const MessagePtr message = MessageProcessor::parse(frames[i]);
+    ASSERT_TRUE(message);
+    const MessageEnvelope& ids = message->envelope();
+    EXPECT_EQ(message->type() == MessageKind::User ? ids.local_message_id : ids.message_id,
+              expected_ids[i]);
+    EXPECT_EQ(ids.local_conversation_id, "lc1");
+  }
+}
+
+TEST_F(HistoryManagerTest, PagingBackVisitsEveryMessageOnce) {
+  HistoryManager history;
+  ASSERT_TRUE(history.init(dir_.path(), openDatabase(), 30, false));
+  for (int i = 0; i < 1000; ++i) {
+    history.recordMessage(assistantMessage("lc1", "m" + std::to_string(i), ""));
+  }
+  ASSERT_TRUE(history.flush());
+
+  std::vector<std::string> seen;
+  int32_t cursor = 0;
+  for (int page = 0; page < 100; ++page) {
+    const MessageQueryResult result = history.getMessages("lc1", cursor, 64);
+    std::vector<std::string> ids;
+    for (const auto& record : result.messages) ids.push_back(record.message_id);
+    seen.insert(seen.begin(), ids.begin(), ids.end());  // pages go back in time
+    if (!result.has_more) break;
+    cursor = result.count;
+  }
+  ASSERT_EQ(seen.size(), 1000u);
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(seen[i], "m" + std::to_string(i));
+}
+
+TEST_F(HistoryManagerTest, ExpiryRemovesExactlyTheOldConversationsWithTheirMessages) {
+  const int64_t day = 86400000;
+  {
+    auto sql = openDatabase();
+    sql->saveConversations({ConversationInfo("old", "", "", nowMs() - 10 * day, {}, {}, ""),
+                            ConversationInfo("edge", "", "", nowMs() - 2 * day - 60000, {}, {}, ""),
+                            ConversationInfo("young", "", "", nowMs() - day / 2, {}, {}, "")});
+    for (const char* id : {"old", "edge", "young"}) {
+      sql->insertMessage(MessageRecord(id, "", "", "", "l", "", "user", 0, 0, "2", "{}"));
+    }
+  }
+  {
+    HistoryManager history;
+    ASSERT_TRUE(history.init(dir_.path(), openDatabase(), 2, false));
+    std::set<std::string> left;
+    for (const auto& info : history.conversations()) left.insert(info.local_conversation_id);
+    EXPECT_EQ(left, std::set<std::string>{"young"});
+    EXPECT_TRUE(history.getMessages("old").empty());
+    EXPECT_TRUE(history.getMessages("edge").empty());
+    EXPECT_EQ(history.getMessages("young").size(), 1u);
+  }
+  // A retention of 0 expires everything created before now.
+  HistoryManager strict;
+  ASSERT_TRUE(strict.init(dir_.path(), openDatabase(), 0, false));
+  EXPECT_TRUE(strict.conversations().empty());
+  EXPECT_TRUE(strict.getMessages("young").empty());
+}
+
+TEST_F(HistoryManagerTest, LegacyFilesAreMigratedOnceAndNeverAgain) {
+  const int64_t now = nowMs();
+  dir_.write("orvi_history.json",
+             json({{"conversations",
+                    {{{"local_conversation_id", "kept"},
+                      {"conversation_id", "srv-kept"},
+                      {"name", "Kept"},
+                      {"create_time", now},
+                      {"update_time", now},
+                      {"message_count", 2},
+                      {"extra", {{"pinned", true}}}},
+                     {{"local_conversation_id", "no-file"}, {"create_time", now}},
+                     {{"local_conversation_id", "corrupt"}, {"create_time", now}}}}})
+                 .dump());
+  const std::string user_frame = userMessage("", "legacy question")->marshal();
+  dir_.write("kept.json",
+             json({{"messages", {json::parse(user_frame), "not a frame"}}}).dump());
+  dir_.write("corrupt.json", "{\"messages\": [");
+
+  {
+    HistoryManager history;
+    ASSERT_TRUE(history.init(dir_.path(), openDatabase(), 30, false));
+    ConversationInfo kept;
+    ASSERT_TRUE(history.findConversation("kept", kept));
+    EXPECT_EQ(kept.conversation_id, "srv-kept");
+    EXPECT_EQ(kept.extra, R"({"pinned":true})");
+    EXPECT_EQ(*kept.message_count, 2);
+    EXPECT_EQ(history.conversations().size(), 3u);
+    const auto frames = history.getMessages("kept");
+    ASSERT_EQ(frames.size(), 1u);  // the unparsable entry is skipped
+    auto restored = std::dynamic_pointer_cast<UserMessageWrapper>(MessageProcessor::parse(frames[0]));
+    ASSERT_TRUE(restored);
+    EXPECT_EQ(restored->message()->content->content, "legacy question");
+    EXPECT_TRUE(log_->has("message history file(" + dir_.file("no-file.json") +
+                          ") not exists, skip loading history.."));
+    EXPECT_EQ(log_->countContaining("load conversation file(" + dir_.file("corrupt.json")), 1u);
+  }
+
+  // New legacy data after the migration is never imported.
+  dir_.write("kept.json", json({{"messages", {json::parse(user_frame), json::parse(user_frame)}}}).dump());
+  HistoryManager again;
+  ASSERT_TRUE(again.init(dir_.path(), openDatabase(), 30, false));
+  EXPECT_EQ(again.getMessages("kept").size(), 1u);
+}
+
+TEST_F(HistoryManagerTest, CorruptIndexIsGivenUpOnceAndMissingIndexOnlyWarns) {
+  {
+    auto sql = std::make_shared<test::MemorySqlExecutor>();
+    HistoryManager history;
+    ASSERT_TRUE(history.init(dir_.path(), sql, 30, false));
+    EXPECT_TRUE(log_->countContaining("not exists, skip migration.."));
+    EXPECT_TRUE(sql->isMigrated());
+  }
+  auto sql = std::make_shared<test::MemorySqlExecutor>();
+  dir_.write("orvi_history.json", R"({"conversations": {"not": "a list"}})");
+  HistoryManager history;
+  ASSERT_TRUE(history.init(dir_.path(), sql, 30, false));
+  EXPECT_EQ(log_->countContaining("type must be array, but is object"), 1u);
+  EXPECT_TRUE(sql->isMigrated());
+  EXPECT_TRUE(history.conversations().empty());
+}
+
+TEST_F(HistoryManagerTest, MisuseAndFailuresAreRefusedQuietly) {
+  HistoryManager history;
+  history.recordMessage(assistantMessage("lc1", "a1", "x"));
+  history.addConversation("lc1", "", "");
+  EXPECT_TRUE(history.getMessages("lc1").empty());
+  EXPECT_EQ(log_->countContaining("failed, cacher_ is null"), 3u);
+
+  EXPECT_FALSE(history.init(dir_.path(), nullptr, 30, false));
+  EXPECT_TRUE(log_->has("sql executor is null"));
+  dir_.write("plain-file", "x");
+  EXPECT_FALSE(history.init(dir_.file("plain-file") + "/cache", openDatabase(), 30, false));
+  EXPECT_TRUE(log_->countContaining("create cache dir("));
+  ASSERT_TRUE(history.init(dir_.path(), openDatabase(), 30, false));  // a retry works
+  EXPECT_FALSE(history.init(dir_.path(), openDatabase(), 30, false));
+  EXPECT_TRUE(log_->has("HistoryManager is already inited"));
+}
+
+TEST_F(HistoryManagerTest, ConversationsAndMerging) {
+  auto sql = std::make_shared<test::MemorySqlExecutor>();
+  HistoryManager history;
+  ASSERT_TRUE(history.init(dir_.path(), sql, 30, true));
+  history.addConversation("lc1", "", "mine");
+  history.addConversation("lc1", "", "again");
+  EXPECT_TRUE(log_->has("SKIP to add conversation, local_conversation_id: lc1, name: mine is already record"));
+
+  history.saveConversationInfos({ConversationInfo("lc1", "srv-1", "Renamed", 1, 5, 3, ""),
+                                 ConversationInfo("lc2", "srv-2", "Remote", 2, {}, {}, "")});
+  ConversationInfo info;
+  ASSERT_TRUE(history.findConversation("lc1", info));
+  EXPECT_EQ(info.conversation_id, "srv-1");
+  EXPECT_EQ(info.name, "Renamed");
+  EXPECT_NE(info.create_time, 1);  // the local create time stays
+  EXPECT_EQ(history.conversations().size(), 2u);
+
+  history.recordMessage(assistantMessage("lc2", "gone", ""));
+  history.deleteConversation("lc2");
+  history.deleteConversation("never-listed");
+  ASSERT_TRUE(history.flush());
+  EXPECT_TRUE(sql->messages("lc2").empty());
+  EXPECT_EQ(sql->conversations().size(), 1u);
+
+  // Merging updates what is stored and inserts what is new.
+  history.recordMessage(assistantMessage("lc1", "a1", "old"));
+  ASSERT_TRUE(history.flush());
+  history.mergeMessage("lc1", {assistantMessage("lc1", "a1", "new"), assistantMessage("lc1", "a2", "")});
+  ASSERT_TRUE(history.flush());
+  const auto records = sql->messages("lc1");
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_NE(records[0].content.find("new"), std::string::npos);
+
+  history.setHistoryMessageLimited("lc1", 7);
+  EXPECT_EQ(history.historyMessageLimited("lc1"), 7);
+  history.deactivateConversation("lc1");
+  EXPECT_EQ(history.historyMessageLimited("lc1"), 0);
+}
+
+TEST_F(HistoryManagerTest, MergeSwitchOffStoresNothing) {
+  auto sql = std::make_shared<test::MemorySqlExecutor>();
+  HistoryManager history;
+  ASSERT_TRUE(history.init(dir_.path(), sql, 30, false));
+  history.mergeMessage("lc1", {assistantMessage("lc1", "a1", "x")});
+  ASSERT_TRUE(history.flush());
+  EXPECT_TRUE(sql->messages("lc1").empty());
+}
+
+}  // namespace
+}  // namespace orvi
