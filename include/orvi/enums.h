@@ -66,8 +66,12 @@ enum class HttpRequestScene : int32_t {
 enum class HttpMethod : int32_t { Get = 0, Post = 1 };
 
 // Result of waiting for the server's acknowledgement of an uplink message.
-// Values above GivenUp come from the server and are passed on unchanged.
-enum class AckStatus : int32_t { Acked = 0, Timeout = 1, GivenUp = 2 };
+enum class AckStatus : int32_t {
+  Acked = 0,
+  Timeout = 1,   // no acknowledgement in time
+  GivenUp = 2,   // no acknowledgement, and no further resend
+  Rejected = 3,  // the server acknowledged the message but refused it
+};
 
 enum class LogLevel : int32_t { Debug = 0, Info = 1, Warn = 2, Error = 3 };
 

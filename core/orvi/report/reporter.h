@@ -68,7 +68,7 @@ class Reporter {
   using Task = std::function<void()>;
   void post(Task task);
   void reportWorker();
-  ...
+  int unused_placeholder_ = 0;
 };
 
 }  // namespace orvi

@@ -1,0 +1,201 @@
+#include "orvi/conversation/conversation_hub.h"
+
+#include "orvi/conversation/conversation_impl.h"
+#include "orvi/history/manager/history_manager.h"
+#include "orvi/message/processor/message_processor.h"
+#include "orvi/rest_api/rest_api.h"
+#include "orvi/transport/transport.h"
+#include "orvi/utils/logger.h"
+
+namespace orvi {
+
+std::shared_ptr<ConversationHub> ConversationHub::instance() {
+  static const std::shared_ptr<ConversationHubImpl> hub = std::make_shared<ConversationHubImpl>();
+  return hub;
+}
+
+ConversationHubImpl::ConversationHubImpl() : history_(std::make_shared<HistoryManager>()) {
+  conversations_.max_load_factor(1.0f);
+  conversations_.reserve(8);
+}
+
+ConversationHubImpl::~ConversationHubImpl() = default;
+
+void ConversationHubImpl::config(const OrviConfig& config,
+                                 std::shared_ptr<ISqlExecutor> executor) {
+  std::lock_guard<std::mutex> lock(config_mutex_);
+  if (configured_.load()) {
+    ORVI_LOGW("config is already set, don't config again..");
+    return;
+  }
+  cache_path_ = config.cache_path;
+  retention_days_ = config.retention_days;
+  enable_merge_ = config.enable_merge;
+  if (history_->init(cache_path_, std::move(executor), retention_days_, enable_merge_)) {
+    configured_.store(true);
+    ORVI_LOGI("config done, cache_path = %s", cache_path_.c_str());
+  } else {
+    // Nothing is marked configured, so a later config retries the same
+    // manager (which the conversations opened so far already share).
+    ORVI_LOGE("init history manager failed, local history feature is unusable!!!");
+  }
+}
+
+bool ConversationHubImpl::checkConversation(const std::string& local_conversation_id) {
+  const auto it = conversations_.find(local_conversation_id);
+  if (it == conversations_.end()) {
+    ORVI_LOGE("local conversation(%s) is not found", local_conversation_id.c_str());
+    return false;
+  }
+  if (!it->second.expired()) return true;
+  ORVI_LOGE("local conversation(%s) is expired, clear..", local_conversation_id.c_str());
+  conversations_.erase(it);
+  return false;
+}
+
+std::shared_ptr<Conversation> ConversationHubImpl::open(const std::string& local_conversation_id,
+                                                        const ConversationOptions& options) {
+  ORVI_LOGI("open conversation, local_conversation_id = (%s)", local_conversation_id.c_str());
+  if (!local_conversation_id.empty()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (checkConversation(local_conversation_id)) {
+      ORVI_LOGE("local conversation(%s) is already opened", local_conversation_id.c_str());
+      return nullptr;
+    }
+  }
+  auto conversation =
+      std::make_shared<ConversationImpl>(local_conversation_id, options, history_);
+  size_t size = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto& entry = conversations_[conversation->localConversationId()];
+    if (!entry.expired()) {
+      // Opened by another thread meanwhile.
+      ORVI_LOGE("local conversation(%s) is already opened", local_conversation_id.c_str());
+      return nullptr;
+    }
+    entry = conversation;
+    size = conversations_.size();
+  }
+  ORVI_LOGI("open conversation, local_conversation_id = %s, conversation_id = %s, "
+            "conversations_ size = %zu",
+            conversation->localConversationId().c_str(), conversation->conversationId().c_str(),
+            size);
+  return conversation;
+}
+
+void ConversationHubImpl::close(const std::string& local_conversation_id) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    conversations_.erase(local_conversation_id);
+  }
+  ORVI_LOGI("close conversation, you must ensure that you won't use the "
+            "`conversation`(local_conversation_id = %s) again!",
+            local_conversation_id.c_str());
+}
+
+std::vector<ConversationInfo> ConversationHubImpl::list() { return history_->conversations(); }
+
+std::shared_ptr<RestApiClient> ConversationHubImpl::restClient() {
+  std::lock_guard<std::mutex> lock(remote_mutex_);
+  if (!sender_) return nullptr;
+  if (!rest_client_) rest_client_ = std::make_shared<RestApiClient>(transport_);
+  return rest_client_;
+}
+
+std::shared_ptr<ConversationHubListener> ConversationHubImpl::hubListener() {
+  std::lock_guard<std::mutex> lock(remote_mutex_);
+  return listener_;
+}
+
+bool ConversationHubImpl::listRemote(const std::string& cursor, int32_t count,
+                                     bool create_time_desc,
+                                     std::shared_ptr<IConversations> callback) {
+  const auto client = restClient();
+  if (!client) {
+    ORVI_LOGE("sender is null, remote conversation list need sender set.");
+    return false;
+  }
+  std::weak_ptr<HistoryManager> history = history_;
+  client->requestConversationList(
+      cursor, count, create_time_desc, [history, callback](const std::string& body) {
+        ORVI_LOGD("conversation list: %s", body.c_str());
+        const ConversationListInfo page = MessageProcessor::parseConversationListResp(body);
+        if (callback) callback->onConversations(page);
+        if (page.error) return;
+        if (const auto manager = history.lock()) manager->saveConversationInfos(page.conversations);
+      });
+  return true;
+}
+
+void ConversationHubImpl::saveConversationInfos(const ConversationListInfo& page) {
+  history_->saveConversationInfos(page.conversations);
+}
+
+bool ConversationHubImpl::remove(const std::string& local_conversation_id) {
+  const auto client = restClient();
+  if (!client) {
+    ORVI_LOGE("sender is null, remote conversation list need sender set.");
+    return false;
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (checkConversation(local_conversation_id)) {
+      ORVI_LOGI("local conversation(%s) is opened, can't remove", local_conversation_id.c_str());
+      return false;
+    }
+  }
+  ConversationInfo info;
+  const std::string conversation_id =
+      history_->findConversation(local_conversation_id, info) ? info.conversation_id : "";
+  std::weak_ptr<HistoryManager> history = history_;
+  const auto listener = hubListener();
+  client->requestConversationBatchDelete(
+      {conversation_id.empty() ? local_conversation_id : conversation_id},
+      [history, listener, local_conversation_id](const std::string& body) {
+        ORVI_LOGD("delete conversation messages: %s", body.c_str());
+        const bool success = MessageProcessor::parseConversationBatchDeleteResp(body);
+        if (listener) listener->onConversationRemoved(success);
+        // The local record goes only once the server has confirmed.
+        if (!success) return;
+        if (const auto manager = history.lock()) manager->deleteConversation(local_conversation_id);
+      });
+  return true;
+}
+
+void ConversationHubImpl::listen(std::shared_ptr<ConversationHubListener> listener) {
+  if (!listener) {
+    ORVI_LOGE("listen conversation hub listener is null");
+    return;
+  }
+  std::lock_guard<std::mutex> lock(remote_mutex_);
+  if (listener_) {
+    ORVI_LOGE("listen conversation hub listener is already set");
+    return;
+  }
+  listener_ = std::move(listener);
+}
+
+std::shared_ptr<ITransport> ConversationHubImpl::connect(std::shared_ptr<ITransportSender> sender) {
+  if (!sender) {
+    ORVI_LOGE("sender is null");
+    return nullptr;
+  }
+  std::shared_ptr<Transport> transport;
+  {
+    std::lock_guard<std::mutex> lock(remote_mutex_);
+    if (transport_) {
+      ORVI_LOGW("transport is already connected, skip, addr = %p",
+                static_cast<void*>(transport_.get()));
+      return transport_;
+    }
+    sender_ = sender;
+    transport_ = std::make_shared<Transport>();
+    transport = transport_;
+  }
+  transport->setSender(sender);
+  ORVI_LOGI("transport is connected, addr = %p", static_cast<void*>(transport.get()));
+  return transport;
+}
+
+}  // namespace orvi

@@ -1,0 +1,151 @@
+// ConversationImpl: the object behind each Conversation that the hub opens.
+//
+// It owns the conversation's MessageEngine, its own Transport to the host's
+// sender (which holds it only weakly), a RestApiClient over that transport,
+// and, with tracing on, a Reporter. It shares the process's HistoryManager
+// and DelayedTaskTimer. The host owns it through the shared_ptr that open
+// returned; timer tasks and REST completions hold it weakly and do nothing
+// once it is gone.
+//
+// Threads: host threads send; the thread that pushes a frame into the
+// transport receives (listener calls for received messages happen there);
+// the timer thread detects missing acknowledgements and resends; REST
+// completions run where the host answers. mutex_ guards the listener, the
+// transport, the dangling message and not_ack_messages_; it is never held
+// while the listener, the sender or the timer is called. The recovery
+// counters and flags are atomics.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "orvi/conversation.h"
+#include "orvi/message/wrapper/message_base.h"
+#include "orvi/transport/transport.h"
+#include "orvi/utils/ref_contained.h"
+
+namespace orvi {
+
+class DelayedTaskTimer;
+class HistoryManager;
+class MessageEngine;
+class Reporter;
+class RestApiClient;
+class UserMessageWrapper;
+struct RecoveredSection;
+
+class ConversationImpl : public Conversation, public Transport::Listener, public RefContained {
+ public:
+  ConversationImpl(std::string local_conversation_id, const ConversationOptions& options,
+                   std::shared_ptr<HistoryManager> history);
+  ~ConversationImpl() override;
+
+  void listen(std::shared_ptr<ConversationListener> listener) override;
+  std::shared_ptr<ITransport> connect(std::shared_ptr<ITransportSender> sender) override;
+  std::string sendMessage(const InputMessage& message) override;
+  int32_t reply(const InputMessage& message) override;
+  int32_t retry(const InputMessage& message) override;
+  int32_t cancel(const InputMessage& message) override;
+  int32_t popupHistoryMessages(bool only_latest_section, int32_t cursor, int32_t count) override;
+  void setRunMode(RunMode mode) override;
+  void enableResend(bool enable) override;
+  void setBabiParams(const std::string& params) override;
+  bool recoverRemoteSection() override;
+  void cancelRecoverRemoteSection() override;
+  bool recoverRemoteSections(const std::string& cursor, int32_t count) override;
+  void cancelRecoverRemoteSections() override;
+  ConversationDetail getDetail() override;
+  void registerCustomMessageHandler(std::shared_ptr<ICustomMessageHandler> handler) override;
+  void removeMessageBatch(const std::vector<std::string>& local_message_ids,
+                          const std::vector<std::string>& message_ids,
+                          std::shared_ptr<IMessagesDeleted> callback) override;
+  void updateAssistantMessageRecord(const AssistantMessage& message) override;
+  void updateUserMessageRecord(const UserMessage& message) override;
+  void fetchHistoryMessages(bool from_remote, const std::string& cursor, int32_t count,
+                            std::shared_ptr<IFetchMessageCallback> callback) override;
+
+  // Transport::Listener: every frame the host pushes for this conversation.
+  void onMessageReceived(const std::string& frame) override;
+
+  // Called by the acknowledgement time-out and by received acknowledgements.
+  void onAck(const std::string& local_message_id, AckStatus status);
+
+  const std::string& localConversationId() const { return local_conversation_id_; }
+  std::string conversationId() const;
+  bool isRecovering() const;
+
+ private:
+  struct PendingAck {
+    std::shared_ptr<UserMessageWrapper> message;
+    int32_t resend_count = 0;
+  };
+  enum class SendKind { Message, Reply, Retry, Cancel };
+
+  // Sending.
+  std::string send(const InputMessage& input, SendKind kind);
+  int32_t sendInSection(const InputMessage& input, SendKind kind, const char* what);
+  void waitingForAck(const std::shared_ptr<UserMessageWrapper>& message, bool new_prompt);
+  void armAckCheck(const std::string& local_message_id);
+  bool isNotAcked(const std::string& local_message_id);
+  void resend(const std::string& local_message_id);
+  void clearNotAck();
+
+  // Receiving.
+  void recvMessage(const MessagePtr& message, bool from_stash);
+  bool handleAck(const MessagePtr& message);
+  void adoptConversationId(const MessagePtr& message);
+  void dispatch(const MessagePtr& message);
+  void recordReceived(const MessagePtr& message, const MessagePtr& result);
+  void handleStashedMessages();
+
+  // Recovery and history.
+  void deliverRecovered(const RecoveredSection& section);
+  std::vector<MessagePtr> storedMessages(int32_t cursor, int32_t count, bool* has_more,
+                                         int32_t* next_cursor);
+  std::vector<ComboMessage> toComboMessages(const std::vector<MessagePtr>& messages);
+  int32_t handOver(const std::vector<ComboMessage>& messages);
+  std::shared_ptr<RestApiClient> restClient();
+
+  std::shared_ptr<ConversationListener> listener() const;
+  std::shared_ptr<Transport> transport() const;
+  std::shared_ptr<Reporter> reporter() const;
+
+  // Settings, fixed at construction from ConversationOptions.
+  const int32_t history_message_limited_;
+  const bool callback_user_message_;
+  const bool popup_assistant_message_after_cancel_;
+  const bool enable_tracing_event_;
+  const bool enable_sync_user_message_timestamp_by_ack_;
+  const bool block_when_recovering_;
+  const int32_t uplink_message_ack_timeout_ms_;
+  std::atomic<bool> enable_resend_;
+  const int32_t max_resend_uplink_message_count_;
+
+  const std::string local_conversation_id_;
+  const std::string name_;
+  std::shared_ptr<HistoryManager> history_;
+  std::shared_ptr<MessageEngine> engine_;
+  DelayedTaskTimer& timer_;
+
+  std::atomic<bool> just_cancelled_{false};
+  std::atomic<uint64_t> recover_remote_section_count_{0};
+  std::atomic<uint64_t> recover_remote_sections_count_{0};
+  std::atomic<int32_t> section_count_{0};
+
+  mutable std::mutex mutex_;
+  std::string conversation_id_;                                          // guarded by mutex_
+  std::shared_ptr<ConversationListener> listener_;                       // guarded by mutex_
+  std::shared_ptr<Reporter> reporter_;                                   // guarded by mutex_
+  std::shared_ptr<ITransportSender> sender_;                             // guarded by mutex_
+  std::shared_ptr<Transport> transport_;                                 // guarded by mutex_
+  std::shared_ptr<RestApiClient> rest_client_;                           // guarded by mutex_
+  std::shared_ptr<UserMessageWrapper> dangling_message_;                 // guarded by mutex_
+  std::unordered_map<std::string, PendingAck> not_ack_messages_;         // guarded by mutex_
+};
+
+}  // namespace orvi

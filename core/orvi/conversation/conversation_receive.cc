@@ -1,0 +1,270 @@
+// ConversationImpl: frames from the server, acknowledgements, adoption of
+// the server's conversation id, and stashing while a recovery runs.
+#include <chrono>
+
+#include "orvi/conversation/conversation_impl.h"
+#include "orvi/history/manager/history_manager.h"
+#include "orvi/message/engine/message_engine.h"
+#include "orvi/message/processor/message_processor.h"
+#include "orvi/message/wrapper/assistant_message_wrapper.h"
+#include "orvi/message/wrapper/system_message_wrapper.h"
+#include "orvi/message/wrapper/user_message_wrapper.h"
+#include "orvi/report/reporter.h"
+#include "orvi/utils/logger.h"
+
+namespace orvi {
+namespace {
+
+int64_t steadyMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+int64_t wallMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+bool isSectionComplete(const SystemMessage& message) {
+  return message.code == 0 && message.msg == "section_complete";
+}
+
+}  // namespace
+
+void ConversationImpl::onMessageReceived(const std::string& frame) {
+  ORVI_LOGD("onMessageReceived: %s", frame.c_str());
+  const MessagePtr message = MessageProcessor::parse(frame);
+  if (!message) {
+    ORVI_LOGE("Skip a invalid msg, original json: %s", frame.c_str());
+    return;
+  }
+  message->envelope().received_at_ms = steadyMs();
+  recvMessage(message, false);
+}
+
+void ConversationImpl::recvMessage(const MessagePtr& message, bool from_stash) {
+  if (!message) {
+    ORVI_LOGE("message is nullptr");
+    return;
+  }
+  const std::string& owner = message->envelope().local_conversation_id;
+  if (owner != local_conversation_id_) {
+    ORVI_LOGE("Skip a msg with different local conversation id, expect: %s, but: %s",
+              local_conversation_id_.c_str(), owner.c_str());
+    return;
+  }
+  if (!from_stash && isRecovering()) {
+    if (block_when_recovering_) {
+      ORVI_LOGI("local conversation(%s) is recovering remote history, stash message",
+                local_conversation_id_.c_str());
+      engine_->stash(message);
+      return;
+    }
+    ORVI_LOGI("local conversation(%s) is recovering remote history, but configed to not block, "
+              "go ahead",
+              local_conversation_id_.c_str());
+  }
+
+  // Acknowledgements settle a sent user message; they are not conversation
+  // content, so they bypass the engine.
+  if (handleAck(message)) {
+    adoptConversationId(message);
+    return;
+  }
+  const MessagePtr result = engine_->enqueue(message);
+  if (!result) {
+    ORVI_LOGE("local conversation(%s) enqueue message failed", local_conversation_id_.c_str());
+    return;
+  }
+  adoptConversationId(message);
+  dispatch(result);
+  recordReceived(message, result);
+}
+
+bool ConversationImpl::handleAck(const MessagePtr& message) {
+  const auto* ack = dynamic_cast<const AssistantMessageWrapper*>(message.get());
+  if (!ack || ack->wire().role != idl::Role::User) return false;
+  ORVI_LOGD("ACK MESSAGE");
+
+  const idl::Message& wire = ack->wire();
+  const MessagePtr last = engine_->lastMessageByType(MessageKind::User, wire.local_message_id);
+  if (!last) {
+    ORVI_LOGE("local conversation(%s) recv ack message but last user message is null",
+              local_conversation_id_.c_str());
+    return true;
+  }
+  auto user = std::dynamic_pointer_cast<UserMessageWrapper>(last);
+  if (!user || !user->message()) {
+    ORVI_LOGE("local conversation(%s) recv ack message but last user message is not user message",
+              local_conversation_id_.c_str());
+    return true;
+  }
+  UserMessage& record = *user->message();
+  if (!wire.message_id.empty()) {
+    record.message_id = wire.message_id;
+    user->envelope().message_id = wire.message_id;
+  }
+  const int64_t server_time =
+      ack->envelope().server_time != 0 ? ack->envelope().server_time : wire.create_time;
+  if (enable_sync_user_message_timestamp_by_ack_ && server_time != 0) {
+    ORVI_LOGI("Sync UserMessage(%s) create_time from %lld to %lld",
+              record.local_message_id.c_str(), static_cast<long long>(record.create_time),
+              static_cast<long long>(server_time));
+    record.create_time = server_time;
+  }
+  const bool rejected = wire.status == static_cast<int32_t>(MessageStatus::Failed);
+  if (rejected) record.status = MessageStatus::Failed;
+  user->sync();
+  onAck(record.local_message_id, rejected ? AckStatus::Rejected : AckStatus::Acked);
+
+  bool dangling = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    dangling = dangling_message_ == user;
+  }
+  if (!dangling && history_) history_->updateMessage(user);
+  const auto listener = this->listener();
+  if (listener) listener->onUserMessage(record);
+  if (record.action && *record.action == "cancel") {
+    ORVI_LOGI("ACK MESSAGE for cancel, local_section_id: %s, section_id: %s",
+              user->localSectionId().c_str(), user->sectionId().c_str());
+    if (listener) {
+      listener->onSectionStatus(SectionStatus::Cancelled, false,
+                                SectionInfo(user->sectionId(), user->localSectionId()));
+    }
+  }
+  return true;
+}
+
+void ConversationImpl::adoptConversationId(const MessagePtr& message) {
+  const std::string& incoming = message->envelope().conversation_id;
+  if (incoming.empty()) return;
+  std::shared_ptr<UserMessageWrapper> dangling;
+  std::string current;
+  bool adopted = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (conversation_id_.empty()) {
+      conversation_id_ = incoming;
+      dangling = std::move(dangling_message_);
+      adopted = true;
+    } else {
+      current = conversation_id_;
+    }
+  }
+  if (!adopted) {
+    if (current != incoming) {
+      ORVI_LOGE("local conversation(%s) recv inconsistent conversation_id: %s -> %s",
+                local_conversation_id_.c_str(), current.c_str(), incoming.c_str());
+    }
+    return;
+  }
+  ORVI_LOGI("[OHHHHH] local conversation(%s) is allocated conversation_id: %s",
+            local_conversation_id_.c_str(), incoming.c_str());
+  if (!history_) return;
+  ConversationInfo info;
+  if (history_->findConversation(local_conversation_id_, info)) {
+    info.conversation_id = incoming;
+    history_->updateConversation(info);
+  } else {
+    history_->addConversation(local_conversation_id_, incoming, name_);
+  }
+  if (dangling) {
+    ORVI_LOGI("local conversation(%s) record dangling message", local_conversation_id_.c_str());
+    dangling->envelope().conversation_id = incoming;
+    history_->recordMessage(dangling);
+  }
+}
+
+void ConversationImpl::dispatch(const MessagePtr& message) {
+  const auto listener = this->listener();
+  switch (message->type()) {
+    case MessageKind::Assistant: {
+      const auto* assistant = dynamic_cast<const AssistantMessageWrapper*>(message.get());
+      if (!assistant || !assistant->message()) {
+        ORVI_LOGE("Invalid assistant message from server");
+        return;
+      }
+      if (just_cancelled_.load() && !popup_assistant_message_after_cancel_) {
+        ORVI_LOGI("local conversation(%s) recv message after cancel, just_cancelled_ = %d, "
+                  "popup_assistant_message_after_cancel_ = %d, skip",
+                  local_conversation_id_.c_str(), 1, popup_assistant_message_after_cancel_);
+        return;
+      }
+      const auto snapshot = engine_->assistantSnapshot(assistant->message()->message_id);
+      const AssistantMessage& delivered = snapshot ? *snapshot : *assistant->message();
+      if (listener) listener->onAssistantMessage(delivered);
+      if (const auto reporter = this->reporter()) {
+        if (delivered.status == MessageStatus::Completed) {
+          AssistantMessageReport report;
+          report.conversation_id = conversationId();
+          report.local_conversation_id = local_conversation_id_;
+          report.message = delivered;
+          report.receive_time_ms = wallMs();
+          report.receive_complete_timecost_ms = steadyMs() - message->envelope().received_at_ms;
+          reporter->report(std::move(report));
+        }
+      }
+      return;
+    }
+    case MessageKind::System: {
+      const auto* system = dynamic_cast<const SystemMessageWrapper*>(message.get());
+      if (!system || !system->message()) {
+        ORVI_LOGE("Invalid system message from server");
+        return;
+      }
+      const SystemMessage& record = *system->message();
+      const SectionInfo section(system->sectionId(), system->localSectionId());
+      if (isSectionComplete(record)) {
+        if (listener) listener->onSectionStatus(SectionStatus::Completed, false, section);
+        if (const auto reporter = this->reporter()) reporter->onSectionCompleted();
+        return;
+      }
+      clearNotAck();
+      if (listener) {
+        listener->onSystemMessage(record);
+        listener->onSectionStatus(SectionStatus::Ended, false, section);
+      }
+      return;
+    }
+    default:
+      ORVI_LOGE("Unknown message type: %d", static_cast<int>(message->type()));
+  }
+}
+
+// What the history keeps of received traffic: each assistant message once,
+// rewritten whole when its stream completes (its deltas are folded into it,
+// not stored), and every system message.
+void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePtr& result) {
+  if (!history_) return;
+  switch (message->type()) {
+    case MessageKind::Assistant:
+    case MessageKind::Custom:
+      history_->recordMessage(result);
+      return;
+    case MessageKind::System:
+      if (result != message) {
+        history_->updateMessage(result);  // "stream_complete": the finished answer
+      }
+      history_->recordMessage(message);
+      return;
+    default:
+      return;
+  }
+}
+
+void ConversationImpl::handleStashedMessages() {
+  int count = 0;
+  while (const MessagePtr message = engine_->popStashed()) {
+    recvMessage(message, true);
+    ++count;
+  }
+  ORVI_LOGI("local conversation(%s) handle stashed message, count: %d",
+            local_conversation_id_.c_str(), count);
+  ORVI_LOGI("local conversation(%s) handle all stashed messages, reset recover_count_",
+            local_conversation_id_.c_str());
+}
+
+}  // namespace orvi

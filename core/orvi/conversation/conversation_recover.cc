@@ -1,0 +1,503 @@
+// ConversationImpl: stored history handed to the host, sections recovered
+// from the server, history pages, and changes to stored messages.
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "orvi/conversation/conversation_impl.h"
+#include "orvi/history/manager/history_manager.h"
+#include "orvi/message/engine/message_engine.h"
+#include "orvi/message/processor/message_processor.h"
+#include "orvi/message/wrapper/assistant_message_wrapper.h"
+#include "orvi/message/wrapper/system_message_wrapper.h"
+#include "orvi/message/wrapper/user_message_wrapper.h"
+#include "orvi/rest_api/rest_api.h"
+#include "orvi/utils/logger.h"
+
+namespace orvi {
+namespace {
+
+bool parseInt32(const std::string& text, int32_t& out) {
+  if (text.empty()) return false;
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || *end != '\0' || value < INT32_MIN || value > INT32_MAX) return false;
+  out = static_cast<int32_t>(value);
+  return true;
+}
+
+bool isKnownRecoverStatus(RecoverStatus status) {
+  const int value = static_cast<int>(status);
+  return value >= static_cast<int>(RecoverStatus::Completed) &&
+         value <= static_cast<int>(RecoverStatus::Failed);
+}
+
+}  // namespace
+
+// Stored messages of this conversation: a page when `count` is positive
+// (paging back from `cursor`), else the newest history_message_limited_.
+std::vector<MessagePtr> ConversationImpl::storedMessages(int32_t cursor, int32_t count,
+                                                         bool* has_more, int32_t* next_cursor) {
+  std::vector<std::string> frames;
+  *has_more = false;
+  *next_cursor = 0;
+  if (count > 0) {
+    MessageQueryResult page = history_->getMessages(local_conversation_id_, cursor, count);
+    for (auto& record : page.messages) frames.push_back(std::move(record.content));
+    *has_more = page.has_more;
+    *next_cursor = page.count;
+  } else {
+    frames = history_->getMessages(local_conversation_id_);
+    const size_t limit = history_message_limited_ > 0 ? history_message_limited_ : frames.size();
+    if (frames.size() > limit) {
+      frames.erase(frames.begin(), frames.end() - static_cast<std::ptrdiff_t>(limit));
+      *has_more = true;
+    }
+  }
+  ORVI_LOGI("local_conversation_id = %s, messages size = %zu", local_conversation_id_.c_str(),
+            frames.size());
+  std::vector<MessagePtr> messages;
+  for (const auto& frame : frames) {
+    if (MessagePtr message = MessageProcessor::parse(frame)) messages.push_back(message);
+  }
+  return messages;
+}
+
+std::vector<ComboMessage> ConversationImpl::toComboMessages(
+    const std::vector<MessagePtr>& messages) {
+  std::vector<ComboMessage> combos;
+  for (const auto& message : messages) {
+    ComboMessage combo;
+    if (const auto* user = dynamic_cast<const UserMessageWrapper*>(message.get())) {
+      combo.type = MessageType::User;
+      if (user->message()) combo.user_message = *user->message();
+    } else if (const auto* assistant = dynamic_cast<const AssistantMessageWrapper*>(message.get())) {
+      combo.type = MessageType::Assistant;
+      if (assistant->message()) combo.assistant_message = *assistant->message();
+    } else if (const auto* system = dynamic_cast<const SystemMessageWrapper*>(message.get())) {
+      combo.type = MessageType::System;
+      if (system->message()) {
+        combo.system_message = *system->message();
+        combo.system_message->section = SectionInfo(system->sectionId(), system->localSectionId());
+      }
+    } else {
+      ORVI_LOGE("Unknown message type: %d", static_cast<int>(message->type()));
+      continue;
+    }
+    combos.push_back(std::move(combo));
+  }
+  return combos;
+}
+
+// Hands stored messages to the listener; entries whose member is missing
+// are skipped. Returns how many were handed over.
+int32_t ConversationImpl::handOver(const std::vector<ComboMessage>& messages) {
+  const auto listener = this->listener();
+  if (!listener) {
+    ORVI_LOGE("local conversation(%s) popup combo messages, listener_ is null",
+              local_conversation_id_.c_str());
+    return 0;
+  }
+  int32_t delivered = 0;
+  for (const auto& combo : messages) {
+    switch (combo.type) {
+      case MessageType::User:
+        if (!combo.user_message) {
+          ORVI_LOGE("local conversation(%s) popupHistoryMessages, user_message is null",
+                    local_conversation_id_.c_str());
+          continue;
+        }
+        listener->onUserMessage(*combo.user_message);
+        break;
+      case MessageType::System:
+        if (!combo.system_message) {
+          ORVI_LOGE("local conversation(%s) popupHistoryMessages, system_message is null",
+                    local_conversation_id_.c_str());
+          continue;
+        }
+        listener->onSystemMessage(*combo.system_message);
+        break;
+      case MessageType::Assistant:
+        if (!combo.assistant_message) {
+          ORVI_LOGE("local conversation(%s) popupHistoryMessages, assistant_message is null",
+                    local_conversation_id_.c_str());
+          continue;
+        }
+        listener->onAssistantMessage(*combo.assistant_message);
+        break;
+      default:
+        continue;
+    }
+    ++delivered;
+  }
+  return delivered;
+}
+
+int32_t ConversationImpl::popupHistoryMessages(bool only_latest_section, int32_t cursor,
+                                               int32_t count) {
+  ORVI_LOGI("only_latest_section = %d", only_latest_section);
+  const auto listener = this->listener();
+  if (!listener) {
+    ORVI_LOGE("local conversation(%s) popup combo messages, listener_ is null",
+              local_conversation_id_.c_str());
+    return 0;
+  }
+  bool has_more = false;
+  int32_t next_cursor = 0;
+  engine_->clearHistory();
+  for (const auto& message : storedMessages(cursor, count, &has_more, &next_cursor)) {
+    engine_->recover(message);
+  }
+  std::vector<ComboMessage> combos = toComboMessages(engine_->takeHistorySection(only_latest_section));
+  for (auto& combo : combos) {
+    if (combo.user_message) combo.user_message->source = MessageSource::LocalHistory;
+    if (combo.assistant_message) combo.assistant_message->source = MessageSource::LocalHistory;
+    if (combo.system_message) combo.system_message->source = MessageSource::LocalHistory;
+  }
+  engine_->clearHistory();
+  const int32_t delivered = handOver(combos);
+
+  listener->onSectionStatus(SectionStatus::Completed, true, engine_->currentSection());
+  if (!has_more) {
+    listener->onRecoverStatus(RecoverStatus::Completed, RecoverExtra(false, std::string()));
+  }
+  listener->onRecoverStatus(RecoverStatus::Delivered,
+                            RecoverExtra(has_more, std::to_string(next_cursor)));
+  return delivered;
+}
+
+void ConversationImpl::deliverRecovered(const RecoveredSection& section) {
+  const auto listener = this->listener();
+  std::vector<MessagePtr> messages = section.messages;
+  for (const auto& message : messages) message->envelope().local_conversation_id = local_conversation_id_;
+  if (section.finish_system_message) messages.push_back(section.finish_system_message);
+  std::vector<ComboMessage> combos = toComboMessages(messages);
+  for (auto& combo : combos) {
+    if (combo.user_message) combo.user_message->source = MessageSource::RemoteHistory;
+    if (combo.assistant_message) combo.assistant_message->source = MessageSource::RemoteHistory;
+    if (combo.system_message) combo.system_message->source = MessageSource::RemoteHistory;
+  }
+  if (listener) handOver(combos);
+  if (history_) history_->mergeMessage(local_conversation_id_, section.messages);
+}
+
+bool ConversationImpl::recoverRemoteSection() {
+  const std::string conversation_id = conversationId();
+  std::string latest_section_id;
+  const auto frames = history_ ? history_->getMessages(local_conversation_id_)
+                               : std::vector<std::string>();
+  for (auto it = frames.rbegin(); it != frames.rend() && latest_section_id.empty(); ++it) {
+    if (const MessagePtr message = MessageProcessor::parse(*it)) {
+      latest_section_id = message->sectionId();
+    }
+  }
+  if (conversation_id.empty()) {
+    ORVI_LOGE("local conversation(%s) conversation_id is empty, cannot recover remote section",
+              local_conversation_id_.c_str());
+    return false;
+  }
+  if (frames.empty()) {
+    ORVI_LOGE("local conversation(%s) history messages is empty, cannot get the latest section_id",
+              local_conversation_id_.c_str());
+    return false;
+  }
+  ORVI_LOGI("local conversation(%s): conversation_id: %s, latest_section_id: %s",
+            local_conversation_id_.c_str(), conversation_id.c_str(), latest_section_id.c_str());
+  uint64_t expected = 0;
+  if (!recover_remote_section_count_.compare_exchange_strong(expected, 1)) {
+    ORVI_LOGW("local conversation(%s), is recovering remote_section, don't do it again..",
+              local_conversation_id_.c_str());
+    return false;
+  }
+  const uint64_t started = 1;
+  ORVI_LOGI("local conversation(%s) recover remote section [START], count: %lu",
+            local_conversation_id_.c_str(), static_cast<unsigned long>(started));
+
+  const auto client = restClient();
+  if (!client) {
+    recover_remote_section_count_.store(0);
+    return false;
+  }
+  std::weak_ptr<ConversationImpl> weak = sharedFromThis(this);
+  client->requestRecoverSection(conversation_id, latest_section_id, [weak, started](const std::string& body) {
+    ORVI_LOGI("recover section callback, count: %lu, resp: %s", static_cast<unsigned long>(started),
+              body.c_str());
+    const auto self = weak.lock();
+    if (!self) return;
+    const auto listener = self->listener();
+    const uint64_t now = self->recover_remote_section_count_.load();
+    if (now == 0) {
+      ORVI_LOGI("local conversation(%s) recover remote section is cancelled "
+                "(recover_remote_section_count_ is 0), will not handle the resp data",
+                self->local_conversation_id_.c_str());
+      if (listener) listener->onRecoverStatus(RecoverStatus::Cancelled, std::nullopt);
+      return;
+    }
+    if (now != started) {
+      ORVI_LOGI("local conversation(%s) recover remote section count not match (%lu != %lu), "
+                "will not handle the resp data",
+                self->local_conversation_id_.c_str(), static_cast<unsigned long>(now),
+                static_cast<unsigned long>(started));
+      return;
+    }
+    const RecoverSectionResult result = MessageProcessor::recoverSection(body);
+    ORVI_LOGI("recover section, valid: %d, status: %d, messages size: %d", result.valid,
+              static_cast<int>(result.section.status),
+              static_cast<int>(result.section.messages.size()));
+    RecoverStatus status = result.section.status;
+    if (!result.valid) {
+      ORVI_LOGE("local conversation(%s) recover section failed",
+                self->local_conversation_id_.c_str());
+      ORVI_LOGE("local conversation(%s) recover remote section [FAILED]",
+                self->local_conversation_id_.c_str());
+      status = RecoverStatus::Failed;
+    } else {
+      if (!isKnownRecoverStatus(status)) {
+        ORVI_LOGW("local conversation(%s) recover section status invalid, status: %d, trick as "
+                  "`cancelled` directly.",
+                  self->local_conversation_id_.c_str(), static_cast<int>(status));
+        status = RecoverStatus::Cancelled;
+      }
+      self->deliverRecovered(result.section);
+      if (status == RecoverStatus::Started && !result.section.messages.empty()) {
+        // The section still streams: follow it live.
+        const MessagePtr& last = result.section.messages.back();
+        self->engine_->recoverSectionId(last->sectionId(), last->localSectionId());
+      }
+      ORVI_LOGI("local conversation(%s) recover remote section [FINISH]",
+                self->local_conversation_id_.c_str());
+    }
+    self->recover_remote_section_count_.store(0);
+    if (listener) listener->onRecoverStatus(status, std::nullopt);
+    self->handleStashedMessages();
+  });
+  return true;
+}
+
+void ConversationImpl::cancelRecoverRemoteSection() {
+  ORVI_LOGI("local conversation(%s) cancel recover remote section, reset recover_count_",
+            local_conversation_id_.c_str());
+  if (recover_remote_section_count_.exchange(0) != 0) handleStashedMessages();
+}
+
+bool ConversationImpl::recoverRemoteSections(const std::string& cursor, int32_t count) {
+  const std::string conversation_id = conversationId();
+  if (conversation_id.empty()) {
+    ORVI_LOGE("local conversation(%s) conversation_id is empty, cannot recover remote sections by "
+              "paging",
+              local_conversation_id_.c_str());
+    return false;
+  }
+  if (cursor.empty() || count < 1) {
+    ORVI_LOGE("local conversation(%s) recover remote sections by paging, cursor: %s, count: %d is "
+              "invalid",
+              local_conversation_id_.c_str(), cursor.c_str(), count);
+    return false;
+  }
+  uint64_t expected = 0;
+  if (!recover_remote_sections_count_.compare_exchange_strong(expected, 1)) {
+    ORVI_LOGW("local conversation(%s), is recovering remote_sections by paging, don't do it again..",
+              local_conversation_id_.c_str());
+    return false;
+  }
+  const uint64_t started = 1;
+  ORVI_LOGI("local conversation(%s): conversation_id: %s, cursor: %s, count: %d",
+            local_conversation_id_.c_str(), conversation_id.c_str(), cursor.c_str(), count);
+  ORVI_LOGI("local conversation(%s) recover remote sections by paging [START], count: %lu",
+            local_conversation_id_.c_str(), static_cast<unsigned long>(started));
+  const auto client = restClient();
+  if (!client) {
+    recover_remote_sections_count_.store(0);
+    return false;
+  }
+  std::weak_ptr<ConversationImpl> weak = sharedFromThis(this);
+  client->requestRecoverSections(conversation_id, cursor, count, [weak, started](const std::string& body) {
+    ORVI_LOGI("recover sections by paging callback, count: %lu, resp: %s",
+              static_cast<unsigned long>(started), body.c_str());
+    const auto self = weak.lock();
+    if (!self) {
+      ORVI_LOGI("conversation recover remote sections, but conversation is closed");
+      return;
+    }
+    const auto listener = self->listener();
+    const uint64_t now = self->recover_remote_sections_count_.load();
+    if (now == 0) {
+      ORVI_LOGI("local conversation(%s) recover remote sections by paging is cancelled, will not "
+                "handle the resp data",
+                self->local_conversation_id_.c_str());
+      if (listener) listener->onRecoverStatus(RecoverStatus::Cancelled, std::nullopt);
+      return;
+    }
+    if (now != started) {
+      ORVI_LOGI("local conversation(%s) recover remote sections count not match (%lu != %lu), will "
+                "not handle the resp data",
+                self->local_conversation_id_.c_str(), static_cast<unsigned long>(now),
+                static_cast<unsigned long>(started));
+      return;
+    }
+    const RecoverSectionsResult result = MessageProcessor::recoverSections(body);
+    ORVI_LOGI("recover sections, valid: %d, has_more: %d, next_cursor: %s, sections size: %d",
+              result.valid, result.has_more, result.next_cursor.c_str(),
+              static_cast<int>(result.sections.size()));
+    RecoverStatus status = RecoverStatus::Completed;
+    if (!result.valid) {
+      ORVI_LOGE("local conversation(%s) recover remote sections [FAILED]",
+                self->local_conversation_id_.c_str());
+      status = RecoverStatus::Failed;
+    } else {
+      for (const auto& section : result.sections) self->deliverRecovered(section);
+      ORVI_LOGI("local conversation(%s) recover remote sections [FINISH]",
+                self->local_conversation_id_.c_str());
+    }
+    self->recover_remote_sections_count_.store(0);
+    if (listener) {
+      listener->onRecoverStatus(status, RecoverExtra(result.has_more, result.next_cursor));
+    }
+    self->handleStashedMessages();
+  });
+  return true;
+}
+
+void ConversationImpl::cancelRecoverRemoteSections() {
+  ORVI_LOGI("local conversation(%s) cancel recover remote sections by paging",
+            local_conversation_id_.c_str());
+  if (recover_remote_sections_count_.exchange(0) != 0) handleStashedMessages();
+}
+
+void ConversationImpl::fetchHistoryMessages(bool from_remote, const std::string& cursor,
+                                            int32_t count,
+                                            std::shared_ptr<IFetchMessageCallback> callback) {
+  if (!callback) {
+    ORVI_LOGE("local conversation(%s) fetch history messages, callback is null",
+              local_conversation_id_.c_str());
+    return;
+  }
+  if (cursor.empty() || count < 1) {
+    ORVI_LOGE("local conversation(%s) fetch history messages, section_cursor: %s, section_count: "
+              "%d is invalid",
+              local_conversation_id_.c_str(), cursor.empty() ? "null" : cursor.c_str(), count);
+    callback->onFailure(-1, "invalid cursor or count");
+    return;
+  }
+  int32_t position = 0;
+  if (!parseInt32(cursor, position)) {
+    ORVI_LOGE("local conversation(%s) fetch history messages, cursor: %s is invalid",
+              local_conversation_id_.c_str(), cursor.c_str());
+    callback->onFailure(-1, "invalid cursor");
+    return;
+  }
+  ORVI_LOGI("local conversation(%s) fetch history messages, from_remote: %d, cursor: %d, count: %d",
+            local_conversation_id_.c_str(), from_remote, position, count);
+
+  if (!from_remote) {
+    bool has_more = false;
+    int32_t next_cursor = 0;
+    const auto messages = history_ ? storedMessages(position, count, &has_more, &next_cursor)
+                                   : std::vector<MessagePtr>();
+    if (messages.empty()) {
+      ORVI_LOGI("local conversation(%s) fetch history messages, messages is empty",
+                local_conversation_id_.c_str());
+    }
+    std::vector<ComboMessage> combos = toComboMessages(messages);
+    ORVI_LOGI("local conversation(%s) to popup section messages count = %d",
+              local_conversation_id_.c_str(), static_cast<int>(combos.size()));
+    callback->onMessages(combos, has_more, has_more ? std::to_string(next_cursor) : std::string());
+    return;
+  }
+
+  const std::string conversation_id = conversationId();
+  const auto client = restClient();
+  if (conversation_id.empty() || !client) {
+    callback->onFailure(-1, "conversation is not connected to the server");
+    return;
+  }
+  std::weak_ptr<ConversationImpl> weak = sharedFromThis(this);
+  client->requestRecoverSections(conversation_id, cursor, count, [weak, callback](const std::string& body) {
+    const auto self = weak.lock();
+    if (!self) return;
+    const RecoverSectionsResult result = MessageProcessor::recoverSections(body);
+    if (!result.valid) {
+      callback->onFailure(-1, "recover sections failed");
+      return;
+    }
+    std::vector<MessagePtr> messages;
+    for (const auto& section : result.sections) {
+      messages.insert(messages.end(), section.messages.begin(), section.messages.end());
+      if (section.finish_system_message) messages.push_back(section.finish_system_message);
+    }
+    callback->onMessages(self->toComboMessages(messages), result.has_more, result.next_cursor);
+  });
+}
+
+void ConversationImpl::removeMessageBatch(const std::vector<std::string>& local_message_ids,
+                                          const std::vector<std::string>& message_ids,
+                                          std::shared_ptr<IMessagesDeleted> callback) {
+  if (local_message_ids.empty()) {
+    ORVI_LOGE("removeMessageBatch failed, local_message_ids is empty");
+    if (callback) callback->onMessagesDeleted(false);
+    return;
+  }
+  if (message_ids.empty()) {
+    ORVI_LOGI("removeMessageBatch remove local only.");
+    for (const auto& id : local_message_ids) {
+      if (history_) history_->deleteMessage(local_conversation_id_, id);
+    }
+    if (callback) callback->onMessagesDeleted(true);
+    return;
+  }
+  const auto client = restClient();
+  if (!client) {
+    if (callback) callback->onMessagesDeleted(false);
+    return;
+  }
+  std::weak_ptr<ConversationImpl> weak = sharedFromThis(this);
+  client->requestMessageBatchDelete(
+      conversationId(), message_ids, [weak, local_message_ids, callback](const std::string& body) {
+        ORVI_LOGI("removeMessageBatch, data: %s", body.c_str());
+        const bool success = MessageProcessor::parseConversationMsgDeleteResp(body);
+        const auto self = weak.lock();
+        if (success && self && self->history_) {
+          for (const auto& id : local_message_ids) {
+            self->history_->deleteMessage(self->local_conversation_id_, id);
+          }
+        }
+        if (callback) callback->onMessagesDeleted(success);
+      });
+}
+
+void ConversationImpl::updateAssistantMessageRecord(const AssistantMessage& message) {
+  if (message.message_id.empty()) {
+    ORVI_LOGE("updateAssistantMessageRecord failed, id is empty, local_conversation_id: %s, "
+              "message_id: %s",
+              local_conversation_id_.c_str(), message.message_id.c_str());
+    return;
+  }
+  auto wrapper = std::make_shared<AssistantMessageWrapper>();
+  wrapper->setMessage(std::make_shared<AssistantMessage>(message));
+  MessageEnvelope& ids = wrapper->envelope();
+  ids.conversation_id = conversationId();
+  ids.local_conversation_id = local_conversation_id_;
+  ids.message_id = message.message_id;
+  if (message.section) wrapper->setSectionIds(message.section->section_id, message.section->local_section_id);
+  if (history_) history_->updateMessage(wrapper);
+}
+
+void ConversationImpl::updateUserMessageRecord(const UserMessage& message) {
+  if (message.local_message_id.empty()) {
+    ORVI_LOGE("updateUserMessageRecord failed, id is empty, local_conversation_id: %s, "
+              "message_id: %s",
+              local_conversation_id_.c_str(), message.message_id.c_str());
+    return;
+  }
+  auto wrapper = std::make_shared<UserMessageWrapper>(std::make_shared<UserMessage>(message));
+  MessageEnvelope& ids = wrapper->envelope();
+  ids.conversation_id = conversationId();
+  ids.local_conversation_id = local_conversation_id_;
+  ids.local_message_id = message.local_message_id;
+  ids.message_id = message.message_id;
+  if (message.section) wrapper->setSectionIds(message.section->section_id, message.section->local_section_id);
+  if (history_) history_->updateMessage(wrapper);
+}
+
+}  // namespace orvi
