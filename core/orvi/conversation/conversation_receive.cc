@@ -102,6 +102,11 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
     return true;
   }
   UserMessage& record = *user->message();
+  if (!wire.message_id.empty() && record.message_id == wire.message_id) {
+    ORVI_LOGW("local conversation(%s) duplicate ack of local_message_id: %s, ignored",
+              local_conversation_id_.c_str(), record.local_message_id.c_str());
+    return true;
+  }
   if (!wire.message_id.empty()) {
     record.message_id = wire.message_id;
     user->envelope().message_id = wire.message_id;
@@ -234,9 +239,10 @@ void ConversationImpl::dispatch(const MessagePtr& message) {
   }
 }
 
-// What the history keeps of received traffic: each assistant message once,
-// rewritten whole when its stream completes (its deltas are folded into it,
-// not stored), and every system message.
+// What the history keeps of received traffic is what the host was shown:
+// each assistant message once, rewritten whole when its stream completes
+// (its deltas are folded into it, not stored), and the system messages that
+// went to onSystemMessage. The two completion signals are not kept.
 void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePtr& result) {
   if (!history_) return;
   switch (message->type()) {
@@ -244,12 +250,17 @@ void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePt
     case MessageKind::Custom:
       history_->recordMessage(result);
       return;
-    case MessageKind::System:
+    case MessageKind::System: {
       if (result != message) {
         history_->updateMessage(result);  // "stream_complete": the finished answer
+        return;
       }
-      history_->recordMessage(message);
+      const auto* system = dynamic_cast<const SystemMessageWrapper*>(message.get());
+      if (system && system->message() && !isSectionComplete(*system->message())) {
+        history_->recordMessage(message);
+      }
       return;
+    }
     default:
       return;
   }
