@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <queue>
 #include <thread>
@@ -33,24 +34,33 @@ class DelayedTaskTimer {
   DelayedTaskTimer& operator=(const DelayedTaskTimer&) = delete;
 
   // Runs `task` on the worker `delay_ms` from now (0: at once). An empty
-  // task is ignored.
+  // task is ignored. A delay too large for the clock saturates: the task is
+  // due at the end of time.
   void post(Task task, uint64_t delay_ms);
 
  private:
   struct Entry {
     int64_t deadline_ns;  // steady clock
-    Task task;
+    // mutable so the worker can move the task out of top() before pop();
+    // the heap orders by deadline only.
+    mutable Task task;
   };
   struct Later {
     bool operator()(const Entry& a, const Entry& b) const { return a.deadline_ns > b.deadline_ns; }
   };
 
-  void workerLoop();
+  // Shared with the worker thread, so that a timer destroyed by one of its
+  // own tasks can detach and let the worker finish draining on its own.
+  struct State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool stop = false;                                            // guarded by mutex
+    std::priority_queue<Entry, std::vector<Entry>, Later> queue;  // guarded by mutex
+  };
 
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stop_ = false;                                             // guarded by mutex_
-  std::priority_queue<Entry, std::vector<Entry>, Later> queue_;   // guarded by mutex_
+  static void workerLoop(std::shared_ptr<State> state);
+
+  std::shared_ptr<State> state_;
   std::thread worker_;
 };
 

@@ -7,7 +7,9 @@
 // with a warning. Posting methods may be called from any thread; events are
 // built and delivered on the report thread only, never under the queue
 // mutex. On destruction the queued events are drained, then the thread is
-// joined.
+// joined; a reporter destroyed on its own report thread (the host released
+// the conversation inside onTraceEvent) detaches it instead, and the thread
+// drains the rest on its own. Field sources are listed in docs/tracing.md.
 #pragma once
 
 #include <condition_variable>
@@ -18,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "orvi/conversation.h"
 
@@ -44,6 +47,22 @@ struct AssistantMessageReport {
   int64_t receive_complete_timecost_ms = 0;  // first frame to completion; 0 while streaming
 };
 
+// The section (one prompt and its answers) in progress, as the report thread
+// counts it. Timestamps are wall-clock milliseconds.
+struct SectionState {
+  enum class Action : int32_t { Init = 0, Finish = 1 };
+  Action action = Action::Init;
+  std::string section_id;
+  std::string local_section_id;
+  std::string conversation_id;
+  std::string local_conversation_id;
+  int32_t user_message_count = 0;
+  int32_t assistant_message_count = 0;
+  int32_t tool_call_count = 0;  // tool calls the assistant asked for
+  int64_t start_ts = 0;
+  int64_t end_ts = 0;
+};
+
 class Reporter {
  public:
   explicit Reporter(std::weak_ptr<ConversationListener> tracer);
@@ -66,9 +85,34 @@ class Reporter {
 
  private:
   using Task = std::function<void()>;
-  void post(Task task);
-  void reportWorker();
-  int unused_placeholder_ = 0;
+
+  // Everything the report thread touches. Shared with that thread so that a
+  // reporter destroyed on it can detach while the thread drains the queue.
+  struct Core {
+    explicit Core(std::weak_ptr<ConversationListener> tracer) : tracer(std::move(tracer)) {}
+
+    void post(Task task);
+    // Report thread only: queues the "section_event" of the section as it
+    // stands now.
+    void postSectionEvent();
+    // Report thread only: hands one event to the tracer, or warns with
+    // `expired_warning` and drops it when the host has released the tracer.
+    void deliver(const char* name, const std::string& json, const char* expired_warning,
+                 bool log_json);
+
+    const std::weak_ptr<ConversationListener> tracer;
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool stop = false;       // guarded by mutex; set once, by ~Reporter
+    std::deque<Task> tasks;  // guarded by mutex; first in, first out
+    SectionState section;    // report thread only, so no lock
+  };
+
+  static void reportWorker(std::shared_ptr<Core> core);
+  void post(Task task) { core_->post(std::move(task)); }
+
+  std::shared_ptr<Core> core_;
+  std::thread report_thread_;
 };
 
 }  // namespace orvi
