@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <iostream>
 #include <memory>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "orvi/conversation/conversation_hub.h"
+#include "orvi/history/manager/history_manager.h"
 #include "orvi/sqlite/sqlite_executor.h"
 #include "support/recording_listener.h"
 #include "support/recording_log_handler.h"
@@ -29,6 +31,16 @@ class ConversationFixture : public ::testing::Test {
   void SetUp() override {
     ILogger::setLogLevel(LogLevel::Info);
     hub_ = makeHub();
+  }
+
+  // On failure, show what the library warned about.
+  void TearDown() override {
+    if (!HasFailure()) return;
+    for (const auto& line : log_->lines()) {
+      if (line.rfind("[WARN]", 0) == 0 || line.rfind("[ERROR]", 0) == 0) {
+        std::cerr << line.substr(0, 400) << '\n';
+      }
+    }
   }
 
   std::shared_ptr<ConversationHubImpl> makeHub() {

@@ -174,6 +174,12 @@ TEST_F(ConversationLifecycleTest, RecoveryHoldsLiveFramesBackAndReplaysThemInOrd
   ASSERT_TRUE(waitFor([](const Calls& c) { return c.acks.size() == 1; }));
   ASSERT_TRUE(hub_->history()->flush());
 
+  // The app restarts: a fresh hub over the same database.
+  conversation.reset();
+  hub_ = makeHub();
+  listener_ = std::make_shared<test::RecordingListener>();
+  conversation = open("lc-1");
+
   server_->setRestScript([](const HttpRequest& request) -> std::string {
     EXPECT_EQ(*request.body, R"({"conversation_id":"c-1","section_id":"s-1"})");
     return R"({"ret":"0","errmsg":"","data":{"status":1,"message_list":[)"

@@ -105,6 +105,7 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
 
   // Recovery and history.
   void deliverRecovered(const RecoveredSection& section);
+  void followRunningSection(const RecoveredSection& section);
   std::vector<MessagePtr> storedMessages(int32_t cursor, int32_t count, bool* has_more,
                                          int32_t* next_cursor);
   std::vector<ComboMessage> toComboMessages(const std::vector<MessagePtr>& messages);
@@ -144,7 +145,8 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   std::shared_ptr<ITransportSender> sender_;                             // guarded by mutex_
   std::shared_ptr<Transport> transport_;                                 // guarded by mutex_
   std::shared_ptr<RestApiClient> rest_client_;                           // guarded by mutex_
-  std::shared_ptr<UserMessageWrapper> dangling_message_;                 // guarded by mutex_
+  // Sent before the server allocated the conversation id; stored once it has.
+  std::vector<std::shared_ptr<UserMessageWrapper>> dangling_messages_;   // guarded by mutex_
   std::unordered_map<std::string, PendingAck> not_ack_messages_;         // guarded by mutex_
 };
 

@@ -89,7 +89,17 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
   ORVI_LOGD("ACK MESSAGE");
 
   const idl::Message& wire = ack->wire();
-  const MessagePtr last = engine_->lastMessageByType(MessageKind::User, wire.local_message_id);
+  MessagePtr last = engine_->lastMessageByType(MessageKind::User, wire.local_message_id);
+  bool dangling = false;
+  {
+    // A prompt of a new conversation may have left the live queue already.
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& waiting : dangling_messages_) {
+      if (waiting->envelope().local_message_id != wire.local_message_id) continue;
+      last = waiting;
+      dangling = true;
+    }
+  }
   if (!last) {
     ORVI_LOGE("local conversation(%s) recv ack message but last user message is null",
               local_conversation_id_.c_str());
@@ -119,16 +129,16 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
               static_cast<long long>(server_time));
     record.create_time = server_time;
   }
+  if (user->sectionId().empty() && !ack->sectionId().empty()) {
+    // The acknowledgement is where the server first names the prompt's section.
+    user->setSectionIds(ack->sectionId(), user->localSectionId());
+    record.section = SectionInfo(user->sectionId(), user->localSectionId());
+  }
   const bool rejected = wire.status == static_cast<int32_t>(MessageStatus::Failed);
   if (rejected) record.status = MessageStatus::Failed;
   user->sync();
   onAck(record.local_message_id, rejected ? AckStatus::Rejected : AckStatus::Acked);
 
-  bool dangling = false;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    dangling = dangling_message_ == user;
-  }
   if (!dangling && history_) history_->updateMessage(user);
   const auto listener = this->listener();
   if (listener) listener->onUserMessage(record);
@@ -146,14 +156,14 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
 void ConversationImpl::adoptConversationId(const MessagePtr& message) {
   const std::string& incoming = message->envelope().conversation_id;
   if (incoming.empty()) return;
-  std::shared_ptr<UserMessageWrapper> dangling;
+  std::vector<std::shared_ptr<UserMessageWrapper>> dangling;
   std::string current;
   bool adopted = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (conversation_id_.empty()) {
       conversation_id_ = incoming;
-      dangling = std::move(dangling_message_);
+      dangling.swap(dangling_messages_);
       adopted = true;
     } else {
       current = conversation_id_;
@@ -176,10 +186,10 @@ void ConversationImpl::adoptConversationId(const MessagePtr& message) {
   } else {
     history_->addConversation(local_conversation_id_, incoming, name_);
   }
-  if (dangling) {
+  for (const auto& message : dangling) {
     ORVI_LOGI("local conversation(%s) record dangling message", local_conversation_id_.c_str());
-    dangling->envelope().conversation_id = incoming;
-    history_->recordMessage(dangling);
+    message->envelope().conversation_id = incoming;
+    history_->recordMessage(message);
   }
 }
 

@@ -182,6 +182,23 @@ void ConversationImpl::deliverRecovered(const RecoveredSection& section) {
   if (history_) history_->mergeMessage(local_conversation_id_, section.messages);
 }
 
+// A recovered section that still streams becomes the section in progress:
+// its assistant messages join the engine so that the deltas still to come
+// apply to them. The engine keys such a section by its server id (see
+// MessageEngine::recoverSectionId), and the messages are stamped to match.
+void ConversationImpl::followRunningSection(const RecoveredSection& section) {
+  if (section.messages.empty()) return;
+  const MessagePtr& last = section.messages.back();
+  engine_->recoverSectionId(last->sectionId(), last->localSectionId());
+  const SectionInfo current = engine_->currentSection();
+  for (const auto& message : section.messages) {
+    if (message->type() != MessageKind::Assistant) continue;
+    message->envelope().local_conversation_id = local_conversation_id_;
+    message->setSectionIds(current.section_id, current.local_section_id);
+    engine_->enqueue(message);
+  }
+}
+
 bool ConversationImpl::recoverRemoteSection() {
   const std::string conversation_id = conversationId();
   std::string latest_section_id;
@@ -259,12 +276,8 @@ bool ConversationImpl::recoverRemoteSection() {
                   self->local_conversation_id_.c_str(), static_cast<int>(status));
         status = RecoverStatus::Cancelled;
       }
+      if (status == RecoverStatus::Started) self->followRunningSection(result.section);
       self->deliverRecovered(result.section);
-      if (status == RecoverStatus::Started && !result.section.messages.empty()) {
-        // The section still streams: follow it live.
-        const MessagePtr& last = result.section.messages.back();
-        self->engine_->recoverSectionId(last->sectionId(), last->localSectionId());
-      }
       ORVI_LOGI("local conversation(%s) recover remote section [FINISH]",
                 self->local_conversation_id_.c_str());
     }

@@ -108,7 +108,7 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (conversation_id_.empty()) {
-      dangling_message_ = message;
+      dangling_messages_.push_back(message);
       dangling = true;
     }
   }
@@ -117,6 +117,20 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
   }
   waitingForAck(message, new_prompt);
 
+  // Stored and announced before the frame leaves: a fast server's answer
+  // must not overtake them (an acknowledgement updates the stored record;
+  // the section's output follows its start).
+  // A message of a conversation without a server id is stored once the
+  // server allocates one, so that its record carries it.
+  if (!dangling && history_) history_->recordMessage(message);
+  if (new_prompt) {
+    section_count_.fetch_add(1);
+    if (listener) {
+      listener->onSectionStatus(SectionStatus::Started, false,
+                                SectionInfo(message->sectionId(), message->localSectionId()));
+    }
+  }
+
   bool sent = false;
   if (const auto transport = this->transport()) {
     sent = transport->sendMessage(message->marshal());
@@ -124,21 +138,11 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
       ORVI_LOGE("local conversation(%s) send user message failed",
                 local_conversation_id_.c_str());
       record.status = MessageStatus::Failed;
+      if (history_ && !dangling) history_->updateMessage(message);
       if (listener && callback_user_message_) listener->onUserMessage(record);
     }
   } else {
     ORVI_LOGE("local conversation(%s) cannot lock transport", local_conversation_id_.c_str());
-  }
-  // A message of a conversation without a server id is stored once the
-  // server allocates one, so that its record carries it.
-  if (!dangling && history_) history_->recordMessage(message);
-
-  if (new_prompt) {
-    section_count_.fetch_add(1);
-    if (listener) {
-      listener->onSectionStatus(SectionStatus::Started, false,
-                                SectionInfo(message->sectionId(), message->localSectionId()));
-    }
   }
   if (const auto reporter = this->reporter()) {
     UserMessageReport report;
