@@ -106,6 +106,8 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   // Recovery and history.
   void deliverRecovered(const RecoveredSection& section);
   void followRunningSection(const RecoveredSection& section);
+  bool acceptRecoveryAnswer(const std::atomic<uint64_t>& counter, uint64_t started,
+                            const char* cancelled_format, const char* mismatch_format);
   std::vector<MessagePtr> storedMessages(int32_t cursor, int32_t count, bool* has_more,
                                          int32_t* next_cursor);
   std::vector<ComboMessage> toComboMessages(const std::vector<MessagePtr>& messages);

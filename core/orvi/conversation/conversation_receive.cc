@@ -10,22 +10,11 @@
 #include "orvi/message/wrapper/system_message_wrapper.h"
 #include "orvi/message/wrapper/user_message_wrapper.h"
 #include "orvi/report/reporter.h"
+#include "orvi/utils/clock.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
 namespace {
-
-int64_t steadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-int64_t wallMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 bool isSectionComplete(const SystemMessage& message) {
   return message.code == 0 && message.msg == "section_complete";

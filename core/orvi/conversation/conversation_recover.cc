@@ -182,6 +182,27 @@ void ConversationImpl::deliverRecovered(const RecoveredSection& section) {
   if (history_) history_->mergeMessage(local_conversation_id_, section.messages);
 }
 
+// Whether a recovery's answer is still wanted: not when the recovery was
+// cancelled meanwhile (the host hears Cancelled) or a newer one runs.
+bool ConversationImpl::acceptRecoveryAnswer(const std::atomic<uint64_t>& counter,
+                                            uint64_t started, const char* cancelled_format,
+                                            const char* mismatch_format) {
+  const uint64_t now = counter.load();
+  if (now == 0) {
+    ORVI_LOGI(cancelled_format, local_conversation_id_.c_str());
+    if (const auto listener = this->listener()) {
+      listener->onRecoverStatus(RecoverStatus::Cancelled, std::nullopt);
+    }
+    return false;
+  }
+  if (now != started) {
+    ORVI_LOGI(mismatch_format, local_conversation_id_.c_str(), static_cast<unsigned long>(now),
+              static_cast<unsigned long>(started));
+    return false;
+  }
+  return true;
+}
+
 // A recovered section that still streams becomes the section in progress:
 // its assistant messages join the engine so that the deltas still to come
 // apply to them. The engine keys such a section by its server id (see
@@ -242,22 +263,15 @@ bool ConversationImpl::recoverRemoteSection() {
               body.c_str());
     const auto self = weak.lock();
     if (!self) return;
+    if (!self->acceptRecoveryAnswer(self->recover_remote_section_count_, started,
+                                    "local conversation(%s) recover remote section is cancelled "
+                                    "(recover_remote_section_count_ is 0), will not handle the "
+                                    "resp data",
+                                    "local conversation(%s) recover remote section count not "
+                                    "match (%lu != %lu), will not handle the resp data")) {
+      return;
+    }
     const auto listener = self->listener();
-    const uint64_t now = self->recover_remote_section_count_.load();
-    if (now == 0) {
-      ORVI_LOGI("local conversation(%s) recover remote section is cancelled "
-                "(recover_remote_section_count_ is 0), will not handle the resp data",
-                self->local_conversation_id_.c_str());
-      if (listener) listener->onRecoverStatus(RecoverStatus::Cancelled, std::nullopt);
-      return;
-    }
-    if (now != started) {
-      ORVI_LOGI("local conversation(%s) recover remote section count not match (%lu != %lu), "
-                "will not handle the resp data",
-                self->local_conversation_id_.c_str(), static_cast<unsigned long>(now),
-                static_cast<unsigned long>(started));
-      return;
-    }
     const RecoverSectionResult result = MessageProcessor::recoverSection(body);
     ORVI_LOGI("recover section, valid: %d, status: %d, messages size: %d", result.valid,
               static_cast<int>(result.section.status),
@@ -333,22 +347,14 @@ bool ConversationImpl::recoverRemoteSections(const std::string& cursor, int32_t 
       ORVI_LOGI("conversation recover remote sections, but conversation is closed");
       return;
     }
+    if (!self->acceptRecoveryAnswer(self->recover_remote_sections_count_, started,
+                                    "local conversation(%s) recover remote sections by paging is "
+                                    "cancelled, will not handle the resp data",
+                                    "local conversation(%s) recover remote sections count not "
+                                    "match (%lu != %lu), will not handle the resp data")) {
+      return;
+    }
     const auto listener = self->listener();
-    const uint64_t now = self->recover_remote_sections_count_.load();
-    if (now == 0) {
-      ORVI_LOGI("local conversation(%s) recover remote sections by paging is cancelled, will not "
-                "handle the resp data",
-                self->local_conversation_id_.c_str());
-      if (listener) listener->onRecoverStatus(RecoverStatus::Cancelled, std::nullopt);
-      return;
-    }
-    if (now != started) {
-      ORVI_LOGI("local conversation(%s) recover remote sections count not match (%lu != %lu), will "
-                "not handle the resp data",
-                self->local_conversation_id_.c_str(), static_cast<unsigned long>(now),
-                static_cast<unsigned long>(started));
-      return;
-    }
     const RecoverSectionsResult result = MessageProcessor::recoverSections(body);
     ORVI_LOGI("recover sections, valid: %d, has_more: %d, next_cursor: %s, sections size: %d",
               result.valid, result.has_more, result.next_cursor.c_str(),

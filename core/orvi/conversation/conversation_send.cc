@@ -8,6 +8,7 @@
 #include "orvi/message/engine/message_engine.h"
 #include "orvi/message/wrapper/user_message_wrapper.h"
 #include "orvi/report/reporter.h"
+#include "orvi/utils/clock.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
@@ -15,18 +16,6 @@ namespace {
 
 const char kCancelAction[] = "cancel";
 const char kRetryAction[] = "retry";
-
-int64_t steadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-int64_t wallMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "orvi/utils/clock.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
@@ -13,12 +14,6 @@ namespace {
 using Json = nlohmann::ordered_json;  // members stay in the order they are set
 
 constexpr int32_t kSendFailCode = -1000;
-
-int64_t wallClockMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // Host text may hold invalid UTF-8; it is replaced rather than failing the
 // event.
@@ -194,7 +189,7 @@ void Reporter::report(UserMessageReport report) {
         section.section_id = report.message.section->section_id;
         section.local_section_id = report.message.section->local_section_id;
       }
-      section.start_ts = wallClockMs();
+      section.start_ts = wallMs();
     }
     adoptConversationIds(section, report.conversation_id, report.local_conversation_id);
     ++section.user_message_count;
@@ -222,7 +217,7 @@ void Reporter::onSectionCompleted() {
   ORVI_LOGD("[EVENT] onSectionCompleted");
   // The section belongs to the report thread; the end is stamped now, at
   // the call, and applied there.
-  const int64_t end_ts = wallClockMs();
+  const int64_t end_ts = wallMs();
   Core* core = core_.get();
   post([core, end_ts] {
     core->section.action = SectionState::Action::Finish;

@@ -6,16 +6,11 @@
 
 #include "orvi/history/cacher/cacher.h"
 #include "orvi/message/processor/message_processor.h"
+#include "orvi/utils/clock.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
 namespace {
-
-int64_t nowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // Newest first, the order the executor lists them in.
 void sortConversations(std::vector<ConversationInfo>& conversations) {
@@ -104,7 +99,7 @@ void HistoryManager::addConversation(const std::string& local_conversation_id,
                 local_conversation_id.c_str(), existing->name.c_str());
       return;
     }
-    const int64_t now = nowMs();
+    const int64_t now = wallMs();
     conversations_.emplace_back(local_conversation_id, conversation_id, name, now, now,
                                 std::nullopt, std::string());
     snapshot = conversations_;
@@ -247,27 +242,26 @@ MessageQueryResult HistoryManager::getMessages(const std::string& local_conversa
   return cacher->queryMessages(local_conversation_id, cursor, count);
 }
 
+// The stored form of `message`; false (logged) when it has none.
+static bool toRecord(const MessagePtr& message, MessageRecord& record) {
+  record = MessageProcessor::message2Record(message);
+  if (!record.type.empty()) return true;
+  ORVI_LOGE("message2Record failed, message type: %d",
+            message ? static_cast<int>(message->type()) : -1);
+  return false;
+}
+
 void HistoryManager::recordMessage(const MessagePtr& message) {
   auto cacher = readyCacher("recordMessage");
-  if (!cacher) return;
-  MessageRecord record = MessageProcessor::message2Record(message);
-  if (record.type.empty()) {
-    ORVI_LOGE("message2Record failed, message type: %d",
-              message ? static_cast<int>(message->type()) : -1);
-    return;
-  }
+  MessageRecord record;
+  if (!cacher || !toRecord(message, record)) return;
   cacher->insertMessage(std::move(record));
 }
 
 void HistoryManager::updateMessage(const MessagePtr& message) {
   auto cacher = readyCacher("updateMessage");
-  if (!cacher) return;
-  MessageRecord record = MessageProcessor::message2Record(message);
-  if (record.type.empty()) {
-    ORVI_LOGE("message2Record failed, message type: %d",
-              message ? static_cast<int>(message->type()) : -1);
-    return;
-  }
+  MessageRecord record;
+  if (!cacher || !toRecord(message, record)) return;
   ORVI_LOGI("update message, local_conversation_id: %s, message_id: %s, local_message_id: %s",
             record.local_conversation_id.c_str(), record.message_id.c_str(),
             record.local_message_id.c_str());
