@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "orvi/utils/base64.h"
@@ -16,204 +17,113 @@ namespace {
 
 using P = SyncMessageProcessor;
 using nlohmann::json;
+using Text = std::optional<std::string>;
 
-idl::SyncInfo record(std::string id, std::string content, int64_t index = 7) {
-  idl::SyncInfo r;
-  r.id = std::move(id);
-  r.content = std::move(content);
-  r.type = "delta";
-  r.index = index;
-  return r;
-}
-
-size_t utf8Chars(const std::string& s) {
-  size_t n = 0;
-  for (unsigned char c : s) n += (c & 0xC0) != 0x80;
-  return n;
-}
-
-TEST(SyncMessageProcessorTest, CompressionFollowsTheRecordsAlgorithmAndContentType) {
+TEST(SyncMessageProcessorTest, CompressionFollowsTheAlgorithmAndLeavesAddressesAlone) {
   struct Case {
-    const char* name;
-    std::optional<std::string> compression;
-    std::optional<std::string> content_type;
+    Text compression, content_type;
     std::string content;
-    std::optional<std::string> want_compression;
+    Text want_compression;
     bool want_compressed;
   };
-  const std::string text = "draft text draft text draft text, with ünïcödé and 漢字 draft text";
-  const std::vector<Case> cases = {
-      {"gzip", "gzip", std::nullopt, text, "gzip", true},
-      {"uri keeps its field", "gzip", "uri", "https://files.test/a", "gzip", false},
-      {"unknown algorithm", "zstd", std::nullopt, text, std::nullopt, false},
-      {"none", std::nullopt, std::nullopt, text, std::nullopt, false},
-      {"empty content cannot be gzipped", "gzip", std::nullopt, "", std::nullopt, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::string text = "draft draft draft, ünïcödé 漢字 draft draft";
+  for (const Case& c : std::vector<Case>{{"gzip", {}, text, "gzip", true},
+                                         {"gzip", "uri", "https://f.test/a", "gzip", false},
+                                         {"zstd", {}, text, {}, false},
+                                         {{}, {}, text, {}, false},
+                                         {"gzip", {}, "", {}, false}}) {
+    SCOPED_TRACE(c.compression.value_or("-") + " " + c.content_type.value_or("-") + " " +
+                 c.content);
     test::ScopedLogCapture log;
-    idl::SyncInfo r = record("a", c.content);
+    idl::SyncInfo r;
+    r.content = c.content;
     r.compression = c.compression;
     r.content_type = c.content_type;
     P::tryCompress(r);
     EXPECT_EQ(r.compression, c.want_compression);
+    std::string bytes = c.want_compressed ? utils::base64Decode(r.content) : r.content;
     if (c.want_compressed) {
-      std::string bytes = utils::base64Decode(r.content);
-      ASSERT_GT(bytes.size(), 2u);
-      EXPECT_EQ(static_cast<unsigned char>(bytes[0]), 0x1F);
-      EXPECT_EQ(static_cast<unsigned char>(bytes[1]), 0x8B);
-      ASSERT_GT(utils::decompressEx(bytes), 0);
-      EXPECT_EQ(bytes, c.content);
-      EXPECT_EQ(log->countContaining("tryCompress gzip and base64 encoded, original size: " +
-                                     std::to_string(c.content.size())),
-                1u);
-    } else {
-      EXPECT_EQ(r.content, c.content);
+      EXPECT_GT(utils::decompressEx(bytes), 0);
     }
-  }
-  test::ScopedLogCapture log;
-  idl::SyncInfo empty = record("e", "");
-  empty.compression = "gzip";
-  P::tryCompress(empty);
-  EXPECT_TRUE(log->has("tryCompress gzip failed, will not compress, ret: -1"));
-}
-
-TEST(SyncMessageProcessorTest, FragmentCountIsCeilingOfBytesOverBudget) {
-  const std::vector<std::pair<std::pair<size_t, int32_t>, int32_t>> cases = {
-      {{1, 1}, 1},        {{1024, 1}, 1},     {{1025, 1}, 2},
-      {{204800, 200}, 1}, {{204801, 200}, 2}, {{10 * 1024 * 1024, 200}, 52},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(P::calcFragmentCount(c.first.first, c.first.second), c.second)
-        << c.first.first << " bytes, " << c.first.second << " KiB";
+    EXPECT_EQ(bytes, c.content);
+    EXPECT_EQ(log->countContaining("tryCompress gzip failed, will not compress, ret: -1"),
+              c.content.empty() ? 1u : 0u);
   }
 }
 
-TEST(SyncMessageProcessorTest, FragmentsSplitOnCharacterBoundariesAndCarryTheRecord) {
+TEST(SyncMessageProcessorTest, FragmentsCutWholeCharactersAndCopyTheRecord) {
+  std::string mixed;
+  for (int i = 0; i < 25; ++i) mixed += "aé€😀";  // characters of 1, 2, 3 and 4 bytes
+  const std::string bad = "\xEF\xBF\xBD";        // U+FFFD, for bytes that are not UTF-8
   struct Case {
-    const char* name;
     std::string content;
     int32_t count;
-    std::vector<size_t> want_chars;
-    // For content that is not valid UTF-8: the pieces as the wire shows
-    // them, bad bytes replaced by U+FFFD.
-    std::vector<std::string> want_wire;
+    std::vector<std::string> want;  // as the wire shows each piece
   };
-  std::string mixed;
-  for (int i = 0; i < 25; ++i) mixed += "a\u00e9\u20ac\U0001F600";  // 1, 2, 3 and 4 bytes
-  const std::string bad = "\xEF\xBF\xBD";
-  const std::vector<Case> cases = {
-      {"ascii", std::string(1000, 'x'), 3, {333, 333, 334}, {}},
-      {"multi-byte", mixed, 3, {33, 33, 34}, {}},
-      {"single fragment", "z", 1, {1}, {}},
-      {"stray continuation bytes count alone",
-       "\x80\x80"
-       "abc",
-       2,
-       {},
-       {bad + bad, "abc"}},
-      {"truncated character at the end", "ab\xE2", 2, {}, {"a", "b" + bad}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    idl::SyncInfo r = record("rec", c.content, 42);
-    r.compression = "gzip";
-    r.content_type = "text";
-    r.extra = "meta";
+  for (const Case& c : std::vector<Case>{
+           {std::string(1000, 'x'),
+            3,
+            {std::string(333, 'x'), std::string(333, 'x'), std::string(334, 'x')}},
+           {mixed,
+            3,
+            {mixed.substr(0, 81), mixed.substr(81, 82), mixed.substr(163)}},  // 33, 33, 34
+           {"\x80\x80"
+            "abc",
+            2,
+            {bad + bad, "abc"}},             // stray continuation bytes count alone
+           {"ab\xE2", 2, {"a", "b" + bad}},  // a cut-off character at the end
+       }) {
+    idl::SyncInfo r{"rec", c.content, "text", "delta", 42, "gzip", "meta", std::nullopt};
     const auto messages = P::splitFragments(r, c.count);
-    ASSERT_EQ(messages.size(), static_cast<size_t>(c.count));
-    std::string joined;
+    ASSERT_EQ(messages.size(), c.want.size());
     for (size_t i = 0; i < messages.size(); ++i) {
-      const json frame = json::parse(messages[i].text);
-      EXPECT_EQ(frame.at("version"), 0);
-      ASSERT_EQ(frame.at("sync_infos").size(), 1u);
-      const json& one = frame["sync_infos"][0];
-      EXPECT_EQ(one.at("id"), "rec");
-      EXPECT_EQ(one.at("index"), 42);
-      EXPECT_EQ(one.at("type"), "delta");
-      EXPECT_EQ(one.at("compression"), "gzip");
-      EXPECT_EQ(one.at("content_type"), "text");
-      EXPECT_EQ(one.at("extra"), "meta");
-      EXPECT_EQ(one.at("fragment"), json({{"total", messages.size()}, {"index", i}}));
-      const std::string slice = one.at("content").get<std::string>();
-      if (c.want_wire.empty()) {
-        EXPECT_EQ(utf8Chars(slice), c.want_chars[i]);
-      } else {
-        EXPECT_EQ(slice, c.want_wire[i]);
-      }
-      joined += slice;
-      ASSERT_EQ(messages[i].results.results.size(), 1u);
-      EXPECT_EQ(messages[i].results.results[0].id, "rec");
-      EXPECT_EQ(messages[i].results.results[0].indexes, std::vector<int64_t>{42});
-    }
-    if (c.want_wire.empty()) {
-      EXPECT_EQ(joined, c.content);
+      EXPECT_EQ(json::parse(messages[i].text),
+                json({{"version", 0},
+                      {"sync_infos",
+                       {{{"id", "rec"},
+                         {"content", c.want[i]},
+                         {"content_type", "text"},
+                         {"type", "delta"},
+                         {"index", 42},
+                         {"compression", "gzip"},
+                         {"extra", "meta"},
+                         {"fragment", {{"total", c.count}, {"index", i}}}}}}}));
+      EXPECT_EQ(P::describe(messages[i].results), R"({id: "rec", indexs: [42]})");
     }
   }
-
   test::ScopedLogCapture log;
-  EXPECT_TRUE(P::splitFragments(record("nothing", ""), 2).empty());
-  EXPECT_TRUE(log->has("Empty content for sync info id: nothing"));
+  EXPECT_TRUE(P::splitFragments(idl::SyncInfo{"none", "", {}, "base", 0, {}, {}, {}}, 2).empty());
+  EXPECT_TRUE(log->has("Empty content for sync info id: none"));
 }
 
-TEST(SyncMessageProcessorTest, BatchEnvelopeWritesOnlyPresentKeysAndKeepsUtf8) {
-  SyncInfo base("d1", "héllo 漢字", std::nullopt, SyncInfoType::Base, 1, std::nullopt);
-  SyncInfo reply("d2", "r", "text", SyncInfoType::Reply, 2, "x");
-  SyncInfo odd("d1", "o", std::nullopt, static_cast<SyncInfoType>(7), 3, std::nullopt);
-  const std::vector<idl::SyncInfo> records = {P::toWire(base, ""), P::toWire(reply, "gzip"),
-                                              P::toWire(odd, "")};
-  const SyncMessage message = P::marshalBatch(records);
+TEST(SyncMessageProcessorTest, EnvelopeAndDownlinkFormats) {
+  const SyncMessage batch = P::marshalBatch(
+      {P::toWire(SyncInfo("d1", "héllo", {}, SyncInfoType::Base, 1, {}), ""),
+       P::toWire(SyncInfo("d2", "r", "text", SyncInfoType::Reply, 2, "x"), "gzip"),
+       P::toWire(SyncInfo("d1", "o", {}, static_cast<SyncInfoType>(7), 3, {}), "")});
+  EXPECT_EQ(
+      batch.text,
+      R"({"version":0,"sync_infos":[{"id":"d1","content":"héllo","type":"base","index":1},)"
+      R"({"id":"d2","content":"r","content_type":"text","type":"reply","index":2,)"
+      R"("compression":"gzip","extra":"x"},{"id":"d1","content":"o","type":"delta","index":3}]})");
+  EXPECT_EQ(P::describe(batch.results), R"({id: "d1", indexs: [1, 3]}, {id: "d2", indexs: [2]})");
 
-  EXPECT_NE(message.text.find("héllo 漢字"), std::string::npos) << message.text;
-  EXPECT_EQ(message.text.find('\n'), std::string::npos);
-  const json frame = json::parse(message.text);
-  EXPECT_EQ(frame, json::parse(R"({"version":0,"sync_infos":[
-      {"id":"d1","content":"héllo 漢字","type":"base","index":1},
-      {"id":"d2","content":"r","content_type":"text","type":"reply","index":2,
-       "compression":"gzip","extra":"x"},
-      {"id":"d1","content":"o","type":"delta","index":3}]})"));
-
-  ASSERT_EQ(message.results.results.size(), 2u);
-  EXPECT_EQ(message.results.results[0].id, "d1");
-  EXPECT_EQ(message.results.results[0].indexes, (std::vector<int64_t>{1, 3}));
-  EXPECT_EQ(message.results.results[1].id, "d2");
-  EXPECT_EQ(P::describe(message.results), R"({id: "d1", indexs: [1, 3]}, {id: "d2", indexs: [2]})");
-
-  // The uploader learns the content's encoding from `extra`.
-  const SyncInfo upload = P::toUploadInfo(records[1]);
-  EXPECT_EQ(upload.extra, std::optional<std::string>("gzip"));
-  EXPECT_EQ(upload.type, SyncInfoType::Reply);
-  EXPECT_EQ(upload.content_type, std::optional<std::string>("text"));
-  EXPECT_EQ(P::toUploadInfo(records[0]).extra, std::nullopt);
-}
-
-TEST(SyncMessageProcessorTest, DownlinkParsingTakesPresentMembersAndRejectsTheRest) {
-  const auto ok = P::parseDownlink(
+  const auto full = P::parseDownlink(
       R"({"id":"d","action":"nack","index":9,"query":"q","fragment":{"total":3,"index":1},"x":1})");
-  ASSERT_TRUE(ok);
-  EXPECT_EQ(ok->id, "d");
-  EXPECT_EQ(ok->action, "nack");
-  EXPECT_EQ(ok->index, std::optional<int64_t>(9));
-  EXPECT_EQ(ok->query, std::optional<std::string>("q"));
-  ASSERT_TRUE(ok->fragment);
-  EXPECT_EQ(ok->fragment->total, 3);
-  EXPECT_EQ(ok->fragment->index, 1);
-
+  ASSERT_TRUE(full && full->fragment);
+  EXPECT_EQ(std::make_tuple(full->id, full->action, full->index, full->query, full->fragment->total,
+                            full->fragment->index),
+            std::make_tuple(std::string("d"), std::string("nack"), std::optional<int64_t>(9),
+                            Text("q"), 3, 1));
   const auto nulls = P::parseDownlink(R"({"action":"ack","index":null,"fragment":null})");
   ASSERT_TRUE(nulls);
-  EXPECT_EQ(nulls->id, "");
-  EXPECT_FALSE(nulls->index);
-  EXPECT_FALSE(nulls->query);
-  EXPECT_FALSE(nulls->fragment);
+  EXPECT_FALSE(nulls->index || nulls->query || nulls->fragment);
 
-  for (const std::string bad :
-       {"not json", "", "[1,2]", "\"ack\"", R"({"id":5,"action":"ack"})",
-        R"({"action":"nack","index":"1"})", R"({"action":"nack","fragment":{"index":1}})",
-        R"({"action":"nack","fragment":3})"}) {
-    SCOPED_TRACE(bad);
+  for (const std::string bad : {"not json", "", "[1,2]", R"({"id":5})", R"({"index":"1"})",
+                                R"({"fragment":{"index":1}})", R"({"fragment":3})"}) {
     test::ScopedLogCapture log;
-    EXPECT_FALSE(P::parseDownlink(bad));
-    EXPECT_EQ(log->countContaining("Failed to parse SyncDownloadlinkMessage: "), 1u);
+    EXPECT_FALSE(P::parseDownlink(bad)) << bad;
+    EXPECT_EQ(log->countContaining("Failed to parse SyncDownloadlinkMessage: "), 1u) << bad;
   }
 }
 

@@ -9,19 +9,24 @@
 // call the sender thread and upload callbacks). The transport and the
 // listener are held weakly; the uploader strongly.
 //
-// Threading: every public operation may be called from any thread. Three
-// locks, never held together: `queue_mutex_` (send queue and the sender's
-// wake-up), `failed_mutex_` (failed queue and the upload records it shares)
-// and `fragment_mutex_` (fragment map). The resend walk (tryReSend) calls the
-// host's sendMessage while holding `failed_mutex_`, so that resends keep their
-// order; it is recursive so that a sender which answers synchronously (a nack
-// pushed back into the channel) can re-enter. Listener and uploader calls
-// are made with no lock held.
+// Threading: every public operation may be called from any thread. Locks:
+// `queue_mutex_` (send queue and the sender's wake-up), `failed_mutex_`
+// (failed queue and the upload records it shares), `fragment_mutex_`
+// (fragment map) and `links_mutex_` (the three host pointers). The code takes
+// one at a time, with one exception: the resend walk (tryReSend) calls the
+// host's sendMessage while holding `failed_mutex_`, so that resends keep
+// their order, and a sender that answers on the same thread (a nack pushed
+// back into the channel) takes the others under it. Nothing takes
+// `failed_mutex_` while holding another lock, so there is no cycle; it is
+// recursive for that re-entry. Listener and uploader calls are made with no
+// lock held.
 //
 // The sender thread holds only a weak reference between rounds. The
 // destructor stops it: joined from any other thread, detached when the last
 // reference is dropped on the sender thread itself. Records still queued at
-// that point are dropped, as are failed messages and stored fragments.
+// that point, and records waiting for an upload retry, are dropped and
+// reported to the listener as not sent; failed frames (already reported)
+// and stored fragments are dropped.
 #pragma once
 
 #include <atomic>
