@@ -132,7 +132,8 @@ TEST(SyncQosTest, AFailingTransportGetsBoundedResendsThenTheRecordIsDropped) {
     Rig rig(2, 10, c.max_retry, 200);
     auto sender = rig.sender;
     auto listener = rig.listener;
-    rig.listener->setSendResultHook([sender, listener, c] {
+    // The hook is owned by the listener, so it must not own the listener.
+    rig.listener->setSendResultHook([sender, listener = listener.get(), c] {
       if (listener->count("failed a[1]") == static_cast<size_t>(c.failures)) {
         sender->fail_sends = false;
       }
