@@ -134,7 +134,10 @@ TEST(SyncChannelTest, OversizedRecordsReassembleAndANackResendsOneFragment) {
     host.downlink->onMessageReceived(
         R"({"id":"doc","action":"nack","index":6,"fragment":{"total":)" +
         std::to_string(pieces.size()) + R"(,"index":1}})");
-    ASSERT_TRUE(waitUntil([&] { return host.sender->frames().size() == before + 1; }));
+    ASSERT_TRUE(waitUntil([&] {
+      return host.sender->frames().size() == before + 1 &&
+             host.listener->count("sent doc[6]") == pieces.size() + 1;
+    }));
     EXPECT_EQ(host.sender->frames().back(), pieces[1]);
     host.channel->send(info("barrier", "b", SyncInfoType::Reply));  // its round resends too
     EXPECT_EQ(host.sender->frames().size(), before + 2);
