@@ -16,106 +16,66 @@
 namespace orvi {
 namespace {
 
-using test::RecordingSender;
-
-// The bodies a reply function received, with the thread it ran on.
-class Replies {
- public:
+// Every body a reply function received, with the thread it arrived on.
+struct Replies {
   ReplyFunction function() {
     return [this](const std::string& body) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      bodies_.push_back(body);
-      threads_.push_back(std::this_thread::get_id());
+      std::lock_guard<std::mutex> lock(mutex);
+      bodies.push_back(body);
+      threads.push_back(std::this_thread::get_id());
     };
   }
-  std::vector<std::string> bodies() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return bodies_;
-  }
-  std::vector<std::thread::id> threads() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return threads_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> bodies_;
-  std::vector<std::thread::id> threads_;
+  std::mutex mutex;
+  std::vector<std::string> bodies;       // guarded by mutex
+  std::vector<std::thread::id> threads;  // guarded by mutex
 };
 
 // A client over a transport whose sender records every request.
 struct Connected {
-  Connected() {
-    transport->setSender(sender);
-    client = std::make_unique<RestApiClient>(transport);
-  }
-  std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
+  Connected() { transport->setSender(sender); }
+  std::shared_ptr<test::RecordingSender> sender = std::make_shared<test::RecordingSender>();
   std::shared_ptr<Transport> transport = std::make_shared<Transport>();
-  std::unique_ptr<RestApiClient> client;
+  std::unique_ptr<RestApiClient> client = std::make_unique<RestApiClient>(transport);
 };
-
-using Issue = std::function<void(RestApiClient&, ReplyFunction)>;
 
 struct RequestCase {
-  const char* name;
-  Issue issue;
+  std::function<void(RestApiClient&, ReplyFunction)> issue;
   HttpRequestScene scene;
   const char* body;
-  const char* failure;  // the callback's log line for a status of 500
+  const char* failure;  // logged for a status of 500
 };
 
-const std::vector<RequestCase>& requestCases() {
-  static const std::vector<RequestCase> cases = {
-      {"recover section",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestRecoverSection("c\"1", "s1", std::move(r));
-       },
-       HttpRequestScene::RecoverSection, R"({"conversation_id":"c\"1","section_id":"s1"})",
-       "recover section failed, status_code: 500"},
-      {"recover sections",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestRecoverSections("c1", "cur", 20, std::move(r));
-       },
-       HttpRequestScene::RecoverSections, R"({"conversation_id":"c1","cursor":"cur","count":20})",
-       "recover section failed, status_code: 500"},
-      {"conversation list",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestConversationList("", 10, true, std::move(r));
-       },
-       HttpRequestScene::ConversationList, R"({"cursor":"","count":10,"create_time_desc":true})",
-       "conversation list failed, status_code: 500"},
-      {"message batch delete",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestMessageBatchDelete("c1", {"m1", "m2"}, std::move(r));
-       },
-       HttpRequestScene::MessageBatchDelete,
-       R"({"conversation_id":"c1","message_ids":["m1","m2"]})",
-       "conversation msg delete failed, status_code: 500"},
-      {"message batch delete, no ids",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestMessageBatchDelete("c1", {}, std::move(r));
-       },
-       HttpRequestScene::MessageBatchDelete, R"({"conversation_id":"c1"})",
-       "conversation msg delete failed, status_code: 500"},
-      {"conversation batch delete",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestConversationBatchDelete({"a", "b"}, std::move(r));
-       },
-       HttpRequestScene::ConversationBatchDelete, R"({"conversation_ids":["a","b"]})",
-       "conversation msg delete failed, status_code: 500"},
-      {"conversation batch delete, no ids",
-       [](RestApiClient& c, ReplyFunction r) {
-         c.requestConversationBatchDelete({}, std::move(r));
-       },
-       HttpRequestScene::ConversationBatchDelete, R"({"conversation_ids":[]})",
-       "conversation msg delete failed, status_code: 500"},
-  };
-  return cases;
-}
+const char* const kRecoverFailed = "recover section failed, status_code: 500";
+const char* const kDeleteFailed = "conversation msg delete failed, status_code: 500";
+
+const std::vector<RequestCase> kRequests = {
+    {[](auto& c, auto r) { c.requestRecoverSection("c\"1", "s1", r); },
+     HttpRequestScene::RecoverSection, R"({"conversation_id":"c\"1","section_id":"s1"})",
+     kRecoverFailed},
+    {[](auto& c, auto r) { c.requestRecoverSections("c1", "cur", 20, r); },
+     HttpRequestScene::RecoverSections, R"({"conversation_id":"c1","cursor":"cur","count":20})",
+     kRecoverFailed},
+    {[](auto& c, auto r) { c.requestConversationList("", 10, true, r); },
+     HttpRequestScene::ConversationList, R"({"cursor":"","count":10,"create_time_desc":true})",
+     "conversation list failed, status_code: 500"},
+    {[](auto& c, auto r) {
+       c.requestMessageBatchDelete("c1", {"m1", "m2"}, r);
+     },
+     HttpRequestScene::MessageBatchDelete, R"({"conversation_id":"c1","message_ids":["m1","m2"]})",
+     kDeleteFailed},
+    {[](auto& c, auto r) { c.requestMessageBatchDelete("c1", {}, r); },
+     HttpRequestScene::MessageBatchDelete, R"({"conversation_id":"c1"})", kDeleteFailed},
+    {[](auto& c, auto r) {
+       c.requestConversationBatchDelete({"a", "b"}, r);
+     },
+     HttpRequestScene::ConversationBatchDelete, R"({"conversation_ids":["a","b"]})", kDeleteFailed},
+    {[](auto& c, auto r) { c.requestConversationBatchDelete({}, r); },
+     HttpRequestScene::ConversationBatchDelete, R"({"conversation_ids":[]})", kDeleteFailed},
+};
 
 TEST(RestApiClientTest, EachRequestSendsItsSceneAndBodyAndHandsEveryReplyOn) {
-  for (const RequestCase& c : requestCases()) {
-    SCOPED_TRACE(c.name);
+  for (const RequestCase& c : kRequests) {
+    SCOPED_TRACE(c.body);
     test::ScopedLogCapture log;
     Connected connected;
     Replies replies;
@@ -127,13 +87,12 @@ TEST(RestApiClientTest, EachRequestSendsItsSceneAndBodyAndHandsEveryReplyOn) {
     EXPECT_EQ(requests[0].request.method, HttpMethod::Post);
     EXPECT_EQ(requests[0].request.body, std::optional<std::string>(c.body));
 
-    // A failed status is only logged; the parser still gets the body.
+    // A failed status is only logged; a missing body arrives as "{}".
     requests[0].callback->onResponse(HttpResponse(500, R"({"ret":"0"})"));
-    EXPECT_EQ(log->count(c.failure), 1u);
-    // No body at all reaches the parser as an empty object.
     requests[1].callback->onResponse(HttpResponse(200, std::nullopt));
+    EXPECT_EQ(log->count(c.failure), 1u);
     EXPECT_EQ(log->countContaining("failed, status_code"), 1u);
-    EXPECT_EQ(replies.bodies(), (std::vector<std::string>{R"({"ret":"0"})", "{}"}));
+    EXPECT_EQ(replies.bodies, (std::vector<std::string>{R"({"ret":"0"})", "{}"}));
   }
 }
 
@@ -143,18 +102,18 @@ TEST(RestApiClientTest, WithoutTransportOrSenderNothingIsSentAndNoReplyComes) {
   {
     Connected connected;
     connected.transport.reset();  // the client held it weakly
-    for (const RequestCase& c : requestCases()) c.issue(*connected.client, replies.function());
-    EXPECT_EQ(log->count("transport is expired"), requestCases().size());
+    for (const RequestCase& c : kRequests) c.issue(*connected.client, replies.function());
+    EXPECT_EQ(log->count("transport is expired"), kRequests.size());
     EXPECT_TRUE(connected.sender->requests().empty());
   }
   EXPECT_EQ(log->countContaining("RestApiClient created, this = "), 1u);
   EXPECT_EQ(log->countContaining("RestApiClient destroyed, this = "), 1u);
 
-  auto unconnected = std::make_shared<Transport>();
-  RestApiClient client(unconnected);
-  client.requestConversationList("", 1, false, replies.function());
+  auto bare = std::make_shared<Transport>();
+  RestApiClient unconnected(bare);
+  unconnected.requestConversationList("", 1, false, replies.function());
   EXPECT_EQ(log->count("Transport httpRequest: sender not set"), 1u);
-  EXPECT_TRUE(replies.bodies().empty());
+  EXPECT_TRUE(replies.bodies.empty());
 }
 
 TEST(RestApiClientTest, ReplyMayComeOnAnotherThreadAfterClientAndTransportAreGone) {
@@ -166,14 +125,14 @@ TEST(RestApiClientTest, ReplyMayComeOnAnotherThreadAfterClientAndTransportAreGon
   connected.client.reset();
   connected.transport.reset();
 
-  std::thread::id answering;
+  std::thread::id host_thread;
   std::thread host([&] {
-    answering = std::this_thread::get_id();
-    pending[0].callback->onResponse(HttpResponse(200, R"({"ret":"0","data":{}})"));
+    host_thread = std::this_thread::get_id();
+    pending[0].callback->onResponse(HttpResponse(200, R"({"ret":"0"})"));
   });
   host.join();
-  EXPECT_EQ(replies.bodies(), std::vector<std::string>{R"({"ret":"0","data":{}})"});
-  EXPECT_EQ(replies.threads(), std::vector<std::thread::id>{answering});
+  EXPECT_EQ(replies.bodies, std::vector<std::string>{R"({"ret":"0"})"});
+  EXPECT_EQ(replies.threads, std::vector<std::thread::id>{host_thread});
 }
 
 }  // namespace

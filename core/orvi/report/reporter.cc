@@ -154,13 +154,8 @@ void Reporter::onConversationOpen(const std::string& conversation_id,
                                   const std::string& err_msg) {
   ORVI_LOGI("[EVENT] conversation_event OPEN: conversation_id: %s, local_conversation_id: %s",
             conversation_id.c_str(), local_conversation_id.c_str());
-  Core* core = core_.get();
-  post([=] {
-    const Json json = conversationEvent("open", conversation_id, local_conversation_id,
-                                        section_count, tool_call_count, err_code, err_msg);
-    core->deliver("conversation_event", compact(json),
-                  "Reporter::onConversationOpen, tracer is expired", false);
-  });
+  postConversationEvent("open", "Reporter::onConversationOpen, tracer is expired", conversation_id,
+                        local_conversation_id, section_count, tool_call_count, err_code, err_msg);
 }
 
 void Reporter::onConversationClose(const std::string& conversation_id,
@@ -169,12 +164,21 @@ void Reporter::onConversationClose(const std::string& conversation_id,
                                    const std::string& err_msg) {
   ORVI_LOGI("[EVENT] conversation_event CLOSE: conversation_id: %s, local_conversation_id: %s",
             conversation_id.c_str(), local_conversation_id.c_str());
+  postConversationEvent("close", "Reporter::onConversationClose, tracer is expired",
+                        conversation_id, local_conversation_id, section_count, tool_call_count,
+                        err_code, err_msg);
+}
+
+void Reporter::postConversationEvent(const char* action, const char* expired_warning,
+                                     const std::string& conversation_id,
+                                     const std::string& local_conversation_id,
+                                     int32_t section_count, int32_t tool_call_count,
+                                     int32_t err_code, const std::string& err_msg) {
   Core* core = core_.get();
   post([=] {
-    const Json json = conversationEvent("close", conversation_id, local_conversation_id,
+    const Json json = conversationEvent(action, conversation_id, local_conversation_id,
                                         section_count, tool_call_count, err_code, err_msg);
-    core->deliver("conversation_event", compact(json),
-                  "Reporter::onConversationClose, tracer is expired", false);
+    core->deliver("conversation_event", compact(json), expired_warning, false);
   });
 }
 

@@ -109,6 +109,11 @@ class Reporter {
   };
 
   static void reportWorker(std::shared_ptr<Core> core);
+  // Open and close differ only in the action and the warning.
+  void postConversationEvent(const char* action, const char* expired_warning,
+                             const std::string& conversation_id,
+                             const std::string& local_conversation_id, int32_t section_count,
+                             int32_t tool_call_count, int32_t err_code, const std::string& err_msg);
   void post(Task task) { core_->post(std::move(task)); }
 
   std::shared_ptr<Core> core_;
