@@ -169,9 +169,9 @@ TEST(ReporterTest, EventsArriveOnOneReportThreadInEachPostersOrder) {
         std::stoi(Json::parse(event.json)["local_conversation_id"].get<std::string>());
     EXPECT_EQ(sectionCount(event), next[poster]++) << "poster " << poster;
   }
-  const std::thread::id report_thread = calls.sequence.front().second;
+  const std::thread::id report_thread = calls.sequence.front().thread;
   EXPECT_EQ(std::count(posting.begin(), posting.end(), report_thread), 0);
-  for (const auto& call : calls.sequence) EXPECT_EQ(call.second, report_thread);
+  for (const auto& call : calls.sequence) EXPECT_EQ(call.thread, report_thread);
 }
 
 TEST(ReporterTest, WithoutTracerEveryEventIsDroppedWithOneWarning) {

@@ -12,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -23,48 +22,78 @@ namespace test {
 
 class RecordingListener : public ConversationListener {
  public:
-  enum class Operation { Ack, Assistant, User, System, SectionStatus, RecoverStatus, Trace };
+  enum class Operation {
+    Ack,
+    AssistantMessage,
+    UserMessage,
+    SystemMessage,
+    SectionStatus,
+    RecoverStatus,
+    TraceEvent,
+  };
 
+  struct Ack {
+    std::string local_message_id;
+    AckStatus status;
+  };
+  struct SectionStatusCall {
+    SectionStatus status;
+    bool from_history;
+    SectionInfo section;
+  };
+  struct RecoverStatusCall {
+    RecoverStatus status;
+    std::optional<RecoverExtra> extra;
+  };
   struct TraceEvent {
     std::string name;
     std::string json;
   };
+  struct Call {
+    Operation operation;
+    std::thread::id thread;
+  };
 
-  // Everything seen so far, per operation; `sequence` holds every call of
-  // any kind in arrival order with the thread it came on.
+  // Everything seen so far; `sequence` holds every call of any kind in
+  // arrival order.
   struct Calls {
-    std::vector<std::pair<std::string, AckStatus>> acks;  // local message id, status
+    std::vector<Ack> acks;
     std::vector<AssistantMessage> assistant_messages;
     std::vector<UserMessage> user_messages;
     std::vector<SystemMessage> system_messages;
-    std::vector<std::tuple<SectionStatus, bool, SectionInfo>> section_statuses;
-    std::vector<std::pair<RecoverStatus, std::optional<RecoverExtra>>> recover_statuses;
+    std::vector<SectionStatusCall> section_statuses;
+    std::vector<RecoverStatusCall> recover_statuses;
     std::vector<TraceEvent> trace_events;
-    std::vector<std::pair<Operation, std::thread::id>> sequence;
+    std::vector<Call> sequence;
   };
 
-  void onAck(const std::string& id, AckStatus status) override {
-    record(Operation::Ack, [&](Calls& c) { c.acks.emplace_back(id, status); });
+  using Hook = std::function<void(Operation)>;
+
+  void onAck(const std::string& local_message_id, AckStatus status) override {
+    record(Operation::Ack, [&](Calls& c) { c.acks.push_back({local_message_id, status}); });
   }
-  void onAssistantMessage(const AssistantMessage& m) override {
-    record(Operation::Assistant, [&](Calls& c) { c.assistant_messages.push_back(m); });
+  void onAssistantMessage(const AssistantMessage& message) override {
+    record(Operation::AssistantMessage, [&](Calls& c) { c.assistant_messages.push_back(message); });
   }
-  void onUserMessage(const UserMessage& m) override {
-    record(Operation::User, [&](Calls& c) { c.user_messages.push_back(m); });
+  void onUserMessage(const UserMessage& message) override {
+    record(Operation::UserMessage, [&](Calls& c) { c.user_messages.push_back(message); });
   }
-  void onSystemMessage(const SystemMessage& m) override {
-    record(Operation::System, [&](Calls& c) { c.system_messages.push_back(m); });
+  void onSystemMessage(const SystemMessage& message) override {
+    record(Operation::SystemMessage, [&](Calls& c) { c.system_messages.push_back(message); });
   }
-  void onSectionStatus(SectionStatus status, bool from_history, const SectionInfo& s) override {
-    record(Operation::SectionStatus,
-           [&](Calls& c) { c.section_statuses.emplace_back(status, from_history, s); });
+  void onSectionStatus(SectionStatus status, bool from_history,
+                       const SectionInfo& section) override {
+    record(Operation::SectionStatus, [&](Calls& c) {
+      c.section_statuses.push_back({status, from_history, section});
+    });
   }
   void onRecoverStatus(RecoverStatus status, const std::optional<RecoverExtra>& extra) override {
-    record(Operation::RecoverStatus,
-           [&](Calls& c) { c.recover_statuses.emplace_back(status, extra); });
+    record(Operation::RecoverStatus, [&](Calls& c) {
+      c.recover_statuses.push_back({status, extra});
+    });
   }
   void onTraceEvent(const std::string& name, const std::string& json) override {
-    record(Operation::Trace, [&](Calls& c) { c.trace_events.push_back({name, json}); });
+    record(Operation::TraceEvent, [&](Calls& c) { c.trace_events.push_back({name, json}); });
   }
 
   Calls calls() const {
@@ -80,7 +109,7 @@ class RecordingListener : public ConversationListener {
     return changed_.wait_for(lock, timeout, [&] { return done(calls_); });
   }
 
-  void setHook(std::function<void(Operation)> hook) {
+  void setHook(Hook hook) {
     std::lock_guard<std::mutex> lock(mutex_);
     hook_ = std::move(hook);
   }
@@ -88,22 +117,24 @@ class RecordingListener : public ConversationListener {
  private:
   template <typename Add>
   void record(Operation operation, Add add) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    auto hook = hook_;
-    lock.unlock();
+    Hook hook;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      hook = hook_;
+    }
     if (hook) hook(operation);
     // Notified under the lock, so a test that wakes and drops the listener
     // cannot pull the condition variable from under this thread.
-    lock.lock();
+    std::lock_guard<std::mutex> lock(mutex_);
     add(calls_);
-    calls_.sequence.emplace_back(operation, std::this_thread::get_id());
+    calls_.sequence.push_back({operation, std::this_thread::get_id()});
     changed_.notify_all();
   }
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
-  Calls calls_;                          // guarded by mutex_
-  std::function<void(Operation)> hook_;  // guarded by mutex_
+  Calls calls_;  // guarded by mutex_
+  Hook hook_;    // guarded by mutex_
 };
 
 }  // namespace test
