@@ -261,19 +261,18 @@ TEST_F(HistoryManagerTest, ConversationsAndMerging) {
   ASSERT_EQ(records.size(), 2u);
   EXPECT_NE(records[0].content.find("new"), std::string::npos);
 
+  // With the merge switch off nothing is stored.
+  HistoryManager plain;
+  auto other = std::make_shared<test::MemorySqlExecutor>();
+  ASSERT_TRUE(plain.init(dir_.path(), other, 30, false));
+  plain.mergeMessage("lc1", {assistantMessage("lc1", "a3", "x")});
+  ASSERT_TRUE(plain.flush());
+  EXPECT_TRUE(other->messages("lc1").empty());
+
   history.setHistoryMessageLimited("lc1", 7);
   EXPECT_EQ(history.historyMessageLimited("lc1"), 7);
   history.deactivateConversation("lc1");
   EXPECT_EQ(history.historyMessageLimited("lc1"), 0);
-}
-
-TEST_F(HistoryManagerTest, MergeSwitchOffStoresNothing) {
-  auto sql = std::make_shared<test::MemorySqlExecutor>();
-  HistoryManager history;
-  ASSERT_TRUE(history.init(dir_.path(), sql, 30, false));
-  history.mergeMessage("lc1", {assistantMessage("lc1", "a1", "x")});
-  ASSERT_TRUE(history.flush());
-  EXPECT_TRUE(sql->messages("lc1").empty());
 }
 
 }  // namespace

@@ -60,14 +60,6 @@ TEST(LoggerTest, ThresholdSuppressesLowerLevelsIncludingItsOwnConfirmation) {
   EXPECT_TRUE(capture->has("update log level to 1"));
 }
 
-TEST(LoggerTest, ArgumentsOfSuppressedLinesAreNotEvaluated) {
-  ScopedLogCapture capture;
-  ILogger::setLogLevel(LogLevel::Error);
-  int evaluated = 0;
-  ORVI_LOGI("%d", ++evaluated);
-  EXPECT_EQ(evaluated, 0);
-}
-
 TEST(LoggerTest, FirstHandlerStaysUntilCleared) {
   ScopedLogCapture capture;
   auto second = std::make_shared<RecordingLogHandler>();

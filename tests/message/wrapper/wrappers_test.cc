@@ -63,34 +63,6 @@ TEST(WrappersTest, UserMessageFromInputBecomesTheUplinkFrame) {
   EXPECT_NE(wrapper->marshal().find(R"("options":{"run_mode":"callee"})"), std::string::npos);
 }
 
-TEST(WrappersTest, UserMessageUnmarshalRebuildsThePublicRecord) {
-  test::ScopedLogCapture log;
-  UserMessageWrapper wrapper;
-  EXPECT_FALSE(wrapper.unmarshal(R"({"local_conversation_id": "lc", "messages": []})"));
-  EXPECT_TRUE(log->has("messages is empty"));
-  EXPECT_FALSE(wrapper.unmarshal("not json"));
-
-  ASSERT_TRUE(wrapper.unmarshal(
-      R"({"conversation_id":"c","local_conversation_id":"lc","section_id":"s",)"
-      R"("local_section_id":"ls","reply_message_id":"r","action":"retry",)"
-      R"("messages":[{"message_id":"m","local_message_id":"lm","content":{"payload":"p",)"
-      R"("content_type":0},"create_time":5,"status":4}],)"
-      R"("context":{"file_list":[{"source":"x","source_type":"vid","name":"f"}]}})"));
-  const auto& message = *wrapper.message();
-  EXPECT_EQ(message.local_message_id, "lm");
-  EXPECT_EQ(message.message_id, "m");
-  EXPECT_EQ(message.section->section_id, "s");
-  EXPECT_EQ(message.section->local_section_id, "ls");
-  EXPECT_EQ(message.content->content, "p");
-  EXPECT_EQ(message.status, MessageStatus::Failed);
-  EXPECT_EQ(*message.action, "retry");
-  EXPECT_EQ(*message.reply_message_id, "r");
-  EXPECT_EQ(message.create_time, 5);
-  ASSERT_TRUE(message.context && message.context->file_list);
-  EXPECT_EQ((*message.context->file_list)[0].source_type, FileSourceType::Vid);
-  EXPECT_EQ(wrapper.envelope().conversation_id, "c");
-}
-
 TEST(WrappersTest, AssistantAndSystemBuildTheirPublicRecordOnce) {
   AssistantMessageWrapper assistant;
   ASSERT_TRUE(assistant.unmarshal(
@@ -125,20 +97,6 @@ TEST(WrappersTest, AssistantAndSystemBuildTheirPublicRecordOnce) {
   EXPECT_EQ(system.message(), record);
   EXPECT_EQ(record->msg, "stream_complete");
   EXPECT_EQ(system.marshal(), R"({"code":0,"msg":"stream_complete"})");
-}
-
-TEST(WrappersTest, DeltaAndCustomMessages) {
-  DeltaMessageWrapper delta;
-  ASSERT_TRUE(delta.unmarshal(R"({"message_id":"a1","json_patch":"[]"})"));
-  EXPECT_EQ(delta.targetMessageId(), "a1");
-  EXPECT_EQ(delta.marshal(), R"({"message_id":"a1","json_patch":"[]"})");
-
-  CustomMessageWrapper custom;
-  ASSERT_TRUE(custom.unmarshal(R"({"message_id":"c1","is_complete":true,"content":{"payload":"x"}})"));
-  custom.sync();
-  EXPECT_TRUE(custom.message()->is_complete);
-  EXPECT_EQ(custom.message()->content.content, "x");
-  EXPECT_EQ(custom.marshal(), "");
 }
 
 }  // namespace
