@@ -26,15 +26,15 @@ run_variant() {
 for variant in "${variants[@]}"; do
   case $variant in
     plain) run_variant plain -DORVI_BUILD_BENCHMARKS=ON -DORVI_SANITIZE= ;;
-    asan) run_variant asan -DORVI_SANITIZE=address,undefined ;;
+    asan) run_variant asan -DORVI_SANITIZE=address,undefined -DORVI_BUILD_EXAMPLES=OFF ;;
     tsan)
       # ThreadSanitizer's shadow memory needs the classic address layout on
       # kernels with high mmap randomisation.
       export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}"
       if setarch "$(uname -m)" -R true 2>/dev/null; then
-        setarch "$(uname -m)" -R bash -c "$(declare -f run_variant); jobs=$jobs; run_variant tsan -DORVI_SANITIZE=thread"
+        setarch "$(uname -m)" -R bash -c "$(declare -f run_variant); jobs=$jobs; run_variant tsan -DORVI_SANITIZE=thread -DORVI_BUILD_EXAMPLES=OFF"
       else
-        run_variant tsan -DORVI_SANITIZE=thread
+        run_variant tsan -DORVI_SANITIZE=thread -DORVI_BUILD_EXAMPLES=OFF
       fi
       ;;
   esac

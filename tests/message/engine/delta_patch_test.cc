@@ -170,24 +170,5 @@ TEST(DeltaPatchTest, DeltasWithoutAUsableTarget) {
   EXPECT_TRUE(engine.enqueue(deltaFrame("a3", json::parse(R"([{"op":"append","path":"/t","value":"late"}])"))));
 }
 
-// Many small appends keep the payload and the kept document in step.
-TEST(DeltaPatchTest, LongStreamAccumulatesEveryToken) {
-  MessageEngine engine("lc1");
-  auto assistant = engine.enqueue(assistantFrame("a1", R"({"text":""})"));
-  std::string expected;
-  for (int i = 0; i < 500; ++i) {
-    const std::string token = " t" + std::to_string(i);
-    expected += token;
-    engine.enqueue(deltaFrame("a1", json::array({{{"op", "append"}, {"path", "/text"}, {"value", token}}})));
-    if (i == 250) {
-      // A standard operation in mid-stream goes the copying way.
-      engine.enqueue(deltaFrame("a1", json::parse(R"([{"op":"add","path":"/mark","value":1}])")));
-    }
-  }
-  const json result = json::parse(payloadOf(assistant));
-  EXPECT_EQ(result["text"], expected);
-  EXPECT_EQ(result["mark"], 1);
-}
-
 }  // namespace
 }  // namespace orvi

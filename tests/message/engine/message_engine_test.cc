@@ -152,20 +152,6 @@ TEST(MessageEngineTest, CustomMessagesGoThroughTheHostHandler) {
   EXPECT_EQ(handler->calls, 2);
 }
 
-TEST(MessageEngineTest, StashKeepsServerMessagesInArrivalOrder) {
-  test::ScopedLogCapture log;
-  MessageEngine engine("lc1");
-  engine.stash(userMessage("no"));
-  EXPECT_TRUE(log->has("MessageEngine stash failed, message type is user"));
-  auto one = assistantFrame("a1", "{}");
-  auto two = systemFrame(0, "stream_complete", "s1", "");
-  engine.stash(one);
-  engine.stash(two);
-  EXPECT_EQ(engine.popStashed(), one);
-  EXPECT_EQ(engine.popStashed(), two);
-  EXPECT_FALSE(engine.popStashed());
-}
-
 TEST(MessageEngineTest, HistoryKeepsSectionsAndTakesTheLatestOne) {
   test::ScopedLogCapture log;
   MessageEngine engine("lc1");
