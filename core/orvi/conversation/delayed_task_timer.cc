@@ -72,11 +72,12 @@ DelayedTaskTimer::~DelayedTaskTimer() {
 
 void DelayedTaskTimer::post(Task task, uint64_t delay_ms) {
   if (!task) return;
-  {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->queue.push(Entry{deadlineAfter(delay_ms), std::move(task)});
-  }
-  state_->wake.notify_one();
+  State& state = *state_;
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.queue.push(Entry{deadlineAfter(delay_ms), std::move(task)});
+  // Notified under the lock: once it is released the task may already have
+  // run, and a task may destroy this timer.
+  state.wake.notify_one();
 }
 
 void DelayedTaskTimer::workerLoop(std::shared_ptr<State> state) {

@@ -242,10 +242,10 @@ void Reporter::onSectionEvent() {
 }
 
 void Reporter::Core::post(Task task) {
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    tasks.push_back(std::move(task));
-  }
+  std::lock_guard<std::mutex> lock(mutex);
+  tasks.push_back(std::move(task));
+  // Notified under the lock: a reporter destroyed on its own thread leaves
+  // the core to that thread, which may end as soon as the lock is released.
   wake.notify_one();
 }
 
