@@ -107,7 +107,8 @@ Json sectionEvent(const SectionState& section) {
   json["tool_call_count"] = section.tool_call_count;
   json["start_ts"] = section.start_ts;
   json["end_ts"] = section.end_ts;
-  json["section_cost_ms"] = section.end_ts - section.start_ts;
+  // Only a finished section has a cost; before that its end is not stamped.
+  json["section_cost_ms"] = section.end_ts != 0 ? section.end_ts - section.start_ts : 0;
   return json;
 }
 
