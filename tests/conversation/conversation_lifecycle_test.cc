@@ -176,6 +176,7 @@ TEST_F(ConversationLifecycleTest, RecoveryHoldsLiveFramesBackAndReplaysThemInOrd
 
   // The app restarts: a fresh hub over the same database.
   conversation.reset();
+  hub_.reset();  // release the database first
   hub_ = makeHub();
   listener_ = std::make_shared<test::RecordingListener>();
   conversation = open("lc-1");

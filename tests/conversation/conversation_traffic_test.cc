@@ -100,6 +100,7 @@ TEST_F(ConversationTrafficTest, HistoryAfterARestartShowsWhatWasShownLive) {
   }
   const Calls live = listener_->calls();
 
+  hub_.reset();  // release the database first
   hub_ = makeHub();  // a fresh hub over the same database
   auto restored = std::make_shared<test::RecordingListener>();
   auto conversation = open("lc-1", {}, restored);

@@ -100,38 +100,51 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
               local_conversation_id_.c_str());
     return true;
   }
-  UserMessage& record = *user->message();
-  if (!wire.message_id.empty() && record.message_id == wire.message_id) {
-    ORVI_LOGW("local conversation(%s) duplicate ack of local_message_id: %s, ignored",
-              local_conversation_id_.c_str(), record.local_message_id.c_str());
-    return true;
-  }
-  if (!wire.message_id.empty()) {
-    record.message_id = wire.message_id;
-    user->envelope().message_id = wire.message_id;
-  }
   const int64_t server_time =
       ack->envelope().server_time != 0 ? ack->envelope().server_time : wire.create_time;
-  if (enable_sync_user_message_timestamp_by_ack_ && server_time != 0) {
-    ORVI_LOGI("Sync UserMessage(%s) create_time from %lld to %lld",
-              record.local_message_id.c_str(), static_cast<long long>(record.create_time),
-              static_cast<long long>(server_time));
-    record.create_time = server_time;
-  }
-  if (user->sectionId().empty() && !ack->sectionId().empty()) {
-    // The acknowledgement is where the server first names the prompt's section.
-    user->setSectionIds(ack->sectionId(), user->localSectionId());
-    record.section = SectionInfo(user->sectionId(), user->localSectionId());
-  }
   const bool rejected = wire.status == static_cast<int32_t>(MessageStatus::Failed);
-  if (rejected) record.status = MessageStatus::Failed;
-  user->sync();
-  onAck(record.local_message_id, rejected ? AckStatus::Rejected : AckStatus::Acked);
+  bool duplicate = false;
+  int64_t old_create_time = 0;
+  UserMessage updated;
+  {
+    // A timer resend may be reading the message meanwhile.
+    std::lock_guard<std::mutex> lock(mutex_);
+    UserMessage& record = *user->message();
+    duplicate = !wire.message_id.empty() && record.message_id == wire.message_id;
+    if (!duplicate) {
+      if (!wire.message_id.empty()) {
+        record.message_id = wire.message_id;
+        user->envelope().message_id = wire.message_id;
+      }
+      old_create_time = record.create_time;
+      if (enable_sync_user_message_timestamp_by_ack_ && server_time != 0) {
+        record.create_time = server_time;
+      }
+      if (user->sectionId().empty() && !ack->sectionId().empty()) {
+        // The acknowledgement is where the server first names the prompt's section.
+        user->setSectionIds(ack->sectionId(), user->localSectionId());
+        record.section = SectionInfo(user->sectionId(), user->localSectionId());
+      }
+      if (rejected) record.status = MessageStatus::Failed;
+    }
+    updated = record;
+  }
+  if (duplicate) {
+    ORVI_LOGW("local conversation(%s) duplicate ack of local_message_id: %s, ignored",
+              local_conversation_id_.c_str(), updated.local_message_id.c_str());
+    return true;
+  }
+  if (updated.create_time != old_create_time) {
+    ORVI_LOGI("Sync UserMessage(%s) create_time from %lld to %lld",
+              updated.local_message_id.c_str(), static_cast<long long>(old_create_time),
+              static_cast<long long>(updated.create_time));
+  }
+  onAck(updated.local_message_id, rejected ? AckStatus::Rejected : AckStatus::Acked);
 
   if (!dangling && history_) history_->updateMessage(user);
   const auto listener = this->listener();
-  if (listener) listener->onUserMessage(record);
-  if (record.action && *record.action == "cancel") {
+  if (listener) listener->onUserMessage(updated);
+  if (updated.action && *updated.action == "cancel") {
     ORVI_LOGI("ACK MESSAGE for cancel, local_section_id: %s, section_id: %s",
               user->localSectionId().c_str(), user->sectionId().c_str());
     if (listener) {
@@ -153,6 +166,10 @@ void ConversationImpl::adoptConversationId(const MessagePtr& message) {
     if (conversation_id_.empty()) {
       conversation_id_ = incoming;
       dangling.swap(dangling_messages_);
+      for (const auto& message : dangling) {
+        message->envelope().conversation_id = incoming;
+        if (history_) history_->recordMessage(message);  // in sending order
+      }
       adopted = true;
     } else {
       current = conversation_id_;
@@ -175,10 +192,8 @@ void ConversationImpl::adoptConversationId(const MessagePtr& message) {
   } else {
     history_->addConversation(local_conversation_id_, incoming, name_);
   }
-  for (const auto& message : dangling) {
+  if (!dangling.empty()) {
     ORVI_LOGI("local conversation(%s) record dangling message", local_conversation_id_.c_str());
-    message->envelope().conversation_id = incoming;
-    history_->recordMessage(message);
   }
 }
 

@@ -82,23 +82,34 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
   }
   const bool new_prompt = message->localSectionId().empty() && engine_->isPrompt(message);
   if (new_prompt) just_cancelled_.store(false);
-  if (!engine_->enqueue(message)) return std::string();
+  // Everything this thread writes to the message happens before the engine
+  // makes it visible to the receiving thread; afterwards it works on copies.
   UserMessage& record = *message->message();
   if (record.create_time == 0) record.create_time = wallMs();
   if (record.status == MessageStatus::Init) record.status = MessageStatus::Completed;
   message->sync();
+  if (!engine_->enqueue(message)) return std::string();
+  const std::string frame = message->marshal();
+  UserMessage shown = record;
   const int64_t build_end = steadyMs();
-  const std::string local_message_id = record.local_message_id;
+  const std::string local_message_id = shown.local_message_id;
 
   const auto listener = this->listener();
-  if (listener && callback_user_message_) listener->onUserMessage(record);
+  if (listener && callback_user_message_) listener->onUserMessage(shown);
 
+  // Stored (or kept for later) under the lock that the adoption of the
+  // conversation id takes, so the history keeps the order of sending. A
+  // message of a conversation without a server id is stored once the server
+  // allocates one, so that its record carries it. Storing only queues the
+  // write.
   bool dangling = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (conversation_id_.empty()) {
       dangling_messages_.push_back(message);
       dangling = true;
+    } else if (history_) {
+      history_->recordMessage(message);
     }
   }
   if (dangling) {
@@ -106,12 +117,9 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
   }
   waitingForAck(message, new_prompt);
 
-  // Stored and announced before the frame leaves: a fast server's answer
-  // must not overtake them (an acknowledgement updates the stored record;
-  // the section's output follows its start).
-  // A message of a conversation without a server id is stored once the
-  // server allocates one, so that its record carries it.
-  if (!dangling && history_) history_->recordMessage(message);
+  // Stored (above) and announced before the frame leaves: a fast server's
+  // answer must not overtake them (an acknowledgement updates the stored
+  // record; the section's output follows its start).
   if (new_prompt) {
     section_count_.fetch_add(1);
     if (listener) {
@@ -122,13 +130,17 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
 
   bool sent = false;
   if (const auto transport = this->transport()) {
-    sent = transport->sendMessage(message->marshal());
+    sent = transport->sendMessage(frame);
     if (!sent) {
       ORVI_LOGE("local conversation(%s) send user message failed",
                 local_conversation_id_.c_str());
-      record.status = MessageStatus::Failed;
+      shown.status = MessageStatus::Failed;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);  // a resend may be reading it
+        record.status = MessageStatus::Failed;
+      }
       if (history_ && !dangling) history_->updateMessage(message);
-      if (listener && callback_user_message_) listener->onUserMessage(record);
+      if (listener && callback_user_message_) listener->onUserMessage(shown);
     }
   } else {
     ORVI_LOGE("local conversation(%s) cannot lock transport", local_conversation_id_.c_str());
@@ -137,7 +149,7 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
     UserMessageReport report;
     report.conversation_id = conversationId();
     report.local_conversation_id = local_conversation_id_;
-    report.message = record;
+    report.message = shown;
     report.opens_section = new_prompt;
     report.build_start_ms = build_start;
     report.build_end_ms = build_end;
@@ -250,16 +262,17 @@ void ConversationImpl::onAck(const std::string& local_message_id, AckStatus stat
 }
 
 void ConversationImpl::resend(const std::string& local_message_id) {
-  std::shared_ptr<UserMessageWrapper> message;
+  std::string frame;
   {
+    // An acknowledgement may be updating the message on another thread.
     std::lock_guard<std::mutex> lock(mutex_);
     const auto entry = not_ack_messages_.find(local_message_id);
     if (entry == not_ack_messages_.end()) return;
-    message = entry->second.message;
+    frame = entry->second.message->marshal();
   }
   const auto transport = this->transport();
   if (!transport) return;
-  const bool result = transport->sendMessage(message->marshal());
+  const bool result = transport->sendMessage(frame);
   ORVI_LOGW("retry send local_message_id(%s) result: %d", local_message_id.c_str(), result);
 }
 

@@ -69,6 +69,7 @@ MessagePtr MessageEngine::enqueueUser(const MessagePtr& message) {
     ORVI_LOGE("Invalid User message from client");
     return nullptr;
   }
+  std::lock_guard<std::mutex> state(state_mutex_);
   const auto& record = user->message();
   if (record) {
     record->source = MessageSource::Live;
@@ -103,7 +104,7 @@ MessagePtr MessageEngine::enqueueUser(const MessagePtr& message) {
   if (const auto run_mode = runModeText(run_mode_)) user->setRunMode(*run_mode);
   if (!babi_params_.empty()) user->setBabiParams(babi_params_);
 
-  std::lock_guard<std::mutex> lock(queue_mutex_);
+  std::lock_guard<std::mutex> queue(queue_mutex_);
   queue_.push_back(message);
   return message;
 }
@@ -114,6 +115,7 @@ MessagePtr MessageEngine::enqueueAssistant(const MessagePtr& message) {
     ORVI_LOGE("Invalid Assistant message from server");
     return nullptr;
   }
+  std::lock_guard<std::mutex> state(state_mutex_);
   if (!assistant->localSectionId().empty() && !local_section_id_.empty() &&
       assistant->localSectionId() != local_section_id_) {
     // Output of an older turn arriving late.
@@ -164,6 +166,7 @@ MessagePtr MessageEngine::enqueueSystem(const MessagePtr& message) {
     return nullptr;
   }
   record->section = SectionInfo(system->sectionId(), system->localSectionId());
+  std::lock_guard<std::mutex> state(state_mutex_);
   if (record->code != 0) {
     ORVI_LOGE("System message: code = %d, msg = %s", record->code, record->msg.c_str());
     return message;
@@ -212,19 +215,24 @@ MessagePtr MessageEngine::enqueueCustom(const MessagePtr& message) {
     ORVI_LOGE("Custom message content is empty");
     return nullptr;
   }
-  if (!custom_handler_) {
+  std::shared_ptr<ICustomMessageHandler> handler;
+  {
+    std::lock_guard<std::mutex> state(state_mutex_);
+    handler = custom_handler_;
+    if (handler && custom->sectionId() != section_id_) {
+      ORVI_LOGI("Custom message update section id from (%s) to (%s)", section_id_.c_str(),
+                custom->sectionId().c_str());
+      section_id_ = custom->sectionId();
+    }
+  }
+  if (!handler) {
     ORVI_LOGE("Custom message handler is not registered");
     return nullptr;
-  }
-  if (custom->sectionId() != section_id_) {
-    ORVI_LOGI("Custom message update section id from (%s) to (%s)", section_id_.c_str(),
-              custom->sectionId().c_str());
-    section_id_ = custom->sectionId();
   }
 
   // The host's handler runs with no engine lock held.
   std::optional<CustomMessage> handled;
-  custom_handler_->onCustomMessage(record, handled);
+  handler->onCustomMessage(record, handled);
   if (!handled) return nullptr;
   ORVI_LOGI("Custom message %s handled done!", record.message_id.c_str());
 
@@ -367,6 +375,7 @@ std::optional<AssistantMessage> MessageEngine::assistantSnapshot(const std::stri
 
 void MessageEngine::recoverSectionId(const std::string& section_id,
                                      const std::string& local_section_id) {
+  std::lock_guard<std::mutex> state(state_mutex_);
   if (section_id_.empty()) {
     section_id_ = section_id;
     ORVI_LOGI("local_conversation_id(%s) update section_id: %s", local_conversation_id_.c_str(),
@@ -398,9 +407,20 @@ void MessageEngine::registerCustomMessageHandler(std::shared_ptr<ICustomMessageH
 }
 
 void MessageEngine::setBabiParams(const std::string& babi_params) {
+  std::lock_guard<std::mutex> state(state_mutex_);
   babi_params_ = babi_params;
   ORVI_LOGI("local conversation(%s) update babi params: %s", local_conversation_id_.c_str(),
             babi_params_.c_str());
+}
+
+SectionInfo MessageEngine::currentSection() const {
+  std::lock_guard<std::mutex> state(state_mutex_);
+  return SectionInfo(section_id_, local_section_id_);
+}
+
+void MessageEngine::setRunMode(RunMode mode) {
+  std::lock_guard<std::mutex> state(state_mutex_);
+  run_mode_ = mode;
 }
 
 }  // namespace orvi

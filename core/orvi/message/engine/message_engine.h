@@ -9,13 +9,13 @@
 // and keeps two further lists: messages stashed during a recovery and
 // messages restored from local history.
 //
-// Owned by its ConversationImpl. Locking: queue_mutex_ guards the live
-// queue, the stash, the assistant index and every patch of an assistant
-// payload; history_mutex_ guards the history list; they are never held
-// together, and the host's custom handler runs with neither held. The section
-// ids, run mode, babi params and handler are not locked: enqueue, recover,
-// recoverSectionId and the setters are called from the conversation's
-// message path and must not run concurrently with each other.
+// Owned by its ConversationImpl; the sending thread and the receiving
+// thread call it at the same time. Locking: state_mutex_ guards the section
+// ids, run mode, babi params and handler, and is taken before queue_mutex_
+// when both are needed; queue_mutex_ guards the live queue, the stash, the
+// assistant index and every patch of an assistant payload; history_mutex_
+// guards the history list and is never held with the others. The host's
+// custom handler runs with no lock held.
 #pragma once
 
 #include <list>
@@ -75,7 +75,7 @@ class MessageEngine {
   // Fills the section ids that are empty, when a section is restored from
   // the server.
   void recoverSectionId(const std::string& section_id, const std::string& local_section_id);
-  SectionInfo currentSection() const { return SectionInfo(section_id_, local_section_id_); }
+  SectionInfo currentSection() const;
 
   // Applies a delta to its assistant message; every failure is logged and
   // leaves the payload exactly as it was.
@@ -83,7 +83,7 @@ class MessageEngine {
 
   void registerCustomMessageHandler(std::shared_ptr<ICustomMessageHandler> handler);
   void setBabiParams(const std::string& babi_params);
-  void setRunMode(RunMode mode) { run_mode_ = mode; }
+  void setRunMode(RunMode mode);
 
  private:
   MessagePtr enqueueUser(const MessagePtr& message);
@@ -94,10 +94,12 @@ class MessageEngine {
   void patchLocked(const DeltaMessageWrapper& delta);
 
   const std::string local_conversation_id_;
-  std::string section_id_;
-  std::string local_section_id_;
-  RunMode run_mode_ = RunMode::Default;
-  std::string babi_params_;
+
+  mutable std::mutex state_mutex_;
+  std::string section_id_;        // guarded by state_mutex_
+  std::string local_section_id_;  // guarded by state_mutex_
+  RunMode run_mode_ = RunMode::Default;  // guarded by state_mutex_
+  std::string babi_params_;       // guarded by state_mutex_
 
   std::mutex queue_mutex_;
   std::list<MessagePtr> queue_;                                      // guarded by queue_mutex_
@@ -107,7 +109,7 @@ class MessageEngine {
   std::mutex history_mutex_;
   std::list<MessagePtr> history_;  // guarded by history_mutex_
 
-  std::shared_ptr<ICustomMessageHandler> custom_handler_;
+  std::shared_ptr<ICustomMessageHandler> custom_handler_;  // guarded by state_mutex_
 };
 
 }  // namespace orvi
