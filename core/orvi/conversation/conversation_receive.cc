@@ -139,9 +139,11 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
               updated.local_message_id.c_str(), static_cast<long long>(old_create_time),
               static_cast<long long>(updated.create_time));
   }
+  // Stored before the host hears of it, so a host that reacts to the
+  // acknowledgement finds the history up to date.
+  if (!dangling && history_) history_->updateMessage(user);
   onAck(updated.local_message_id, rejected ? AckStatus::Rejected : AckStatus::Acked);
 
-  if (!dangling && history_) history_->updateMessage(user);
   const auto listener = this->listener();
   if (listener) listener->onUserMessage(updated);
   if (updated.action && *updated.action == "cancel") {
