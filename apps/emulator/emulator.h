@@ -21,20 +21,20 @@ namespace emulator {
 
 // Switches for tests. "Once" switches disarm themselves after firing.
 struct Faults {
-  int32_t drop_acks = 0;           // the next N acknowledgements of user messages are not sent
-  int32_t ack_delay_ms = 0;        // every acknowledgement waits this long
-  int32_t cut_after_deltas = -1;   // once: close the connection after N deltas of an answer
-  bool cut_mid_frame = false;      // with the cut: send the start of a frame, then close
-  int32_t rest_status = 0;         // non-zero: every REST call is answered with this HTTP status
-  bool rest_truncate = false;      // every REST answer stops half-way and the connection closes
-  int32_t sync_nack_fragment = -1; // once: nack this fragment of the first fragmented record
+  int32_t drop_acks = 0;            // the next N acknowledgements of user messages are not sent
+  int32_t ack_delay_ms = 0;         // every acknowledgement waits this long
+  int32_t cut_after_deltas = -1;    // once: close the connection after N deltas of an answer
+  bool cut_mid_frame = false;       // with the cut: send the start of a frame, then close
+  int32_t rest_status = 0;          // non-zero: every REST call is answered with this HTTP status
+  bool rest_truncate = false;       // every REST answer stops half-way and the connection closes
+  int32_t sync_nack_fragment = -1;  // once: nack this fragment of the first fragmented record
 };
 
 struct EmulatorOptions {
   std::string host = "127.0.0.1";
-  uint16_t port = 0;                // 0: any free port
-  int32_t delta_interval_ms = 20;   // pause between the deltas of an answer
-  int32_t gzip_every = 3;           // every Nth downlink frame is gzip-compressed; 0: none
+  uint16_t port = 0;               // 0: any free port
+  int32_t delta_interval_ms = 20;  // pause between the deltas of an answer
+  int32_t gzip_every = 3;          // every Nth downlink frame is gzip-compressed; 0: none
   Faults faults;
   // Log lines of the emulator; empty: none.
   std::function<void(const std::string& line)> log;
