@@ -163,9 +163,6 @@ class ChatSession::Listener final : public orvi::ConversationListener {
 
   void onUserMessage(const orvi::UserMessage& message) override {
     if (message.source != MessageSource::Live) return fromHistory(combo(message), message.source);
-    if (message.status == orvi::MessageStatus::Failed) {
-      terminal_->line("you", userKind(message) + " not sent: the connection is down");
-    }
     std::lock_guard<std::mutex> lock(mutex_);
     kinds_.emplace(message.local_message_id, userKind(message));
   }
