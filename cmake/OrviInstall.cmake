@@ -15,6 +15,9 @@ install(DIRECTORY include/orvi DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MAT
 install(FILES ${PROJECT_BINARY_DIR}/include/orvi/version.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvi)
 
 install(EXPORT orviTargets NAMESPACE orvi:: DESTINATION ${ORVI_CMAKE_DIR})
+if(NOT ORVI_NET_TLS)
+  set(ORVI_NET_TLS FALSE)
+endif()
 configure_package_config_file(cmake/orviConfig.cmake.in
   ${PROJECT_BINARY_DIR}/orviConfig.cmake INSTALL_DESTINATION ${ORVI_CMAKE_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/orviConfigVersion.cmake

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config gzip
-  nlohmann-json3-dev zlib1g-dev libsqlite3-dev libboost1.81-dev
+  nlohmann-json3-dev zlib1g-dev libsqlite3-dev libboost1.81-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
 )
 
