@@ -1,0 +1,244 @@
+#include "chat_host.h"
+
+#include <orvi/sqlite/sqlite_executor.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <system_error>
+
+namespace orvi_chat {
+namespace {
+
+const char* stateText(orvi::net::ConnectionState state) {
+  switch (state) {
+    case orvi::net::ConnectionState::Connecting: return "connecting";
+    case orvi::net::ConnectionState::Connected: return "connected";
+    case orvi::net::ConnectionState::Disconnected: return "disconnected, will reconnect";
+    case orvi::net::ConnectionState::Stopped: return "stopped";
+  }
+  return "?";
+}
+
+std::string describe(const orvi::ConversationInfo& info) {
+  std::string text = info.local_conversation_id;
+  text += info.conversation_id.empty() ? "  (not on the server yet)"
+                                       : "  server " + info.conversation_id;
+  if (!info.name.empty()) text += "  \"" + info.name + "\"";
+  if (info.message_count) text += "  " + std::to_string(*info.message_count) + " messages";
+  return text;
+}
+
+// Receives one page of listRemote on the I/O thread; prints it and hands it
+// to a waiting caller, if any.
+class RemoteList final : public orvi::IConversations {
+ public:
+  explicit RemoteList(std::shared_ptr<Terminal> terminal) : terminal_(std::move(terminal)) {}
+
+  void onConversations(const orvi::ConversationListInfo& page) override {
+    if (page.error) {
+      terminal_->line("remote", "list failed: " + page.error->code + " " + page.error->message);
+    } else if (page.conversations.empty()) {
+      terminal_->line("remote", "(no conversations on the server)");
+    }
+    for (const auto& info : page.conversations) terminal_->line("remote", describe(info));
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      page_ = page;
+    }
+    arrived_.notify_all();
+  }
+
+  std::optional<orvi::ConversationListInfo> wait(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    arrived_.wait_for(lock, timeout, [this] { return page_.has_value(); });
+    return page_;
+  }
+
+ private:
+  const std::shared_ptr<Terminal> terminal_;
+  std::mutex mutex_;  // guards page_
+  std::condition_variable arrived_;
+  std::optional<orvi::ConversationListInfo> page_;
+};
+
+}  // namespace
+
+// The hub's sender for the whole process: forwards to the current transport,
+// held weakly so that the hub (which keeps its sender until exit) never
+// keeps a transport and its thread alive.
+class ChatHost::Relay final : public orvi::ITransportSender {
+ public:
+  static std::shared_ptr<Relay> instance() {
+    static const auto relay = std::make_shared<Relay>();
+    return relay;
+  }
+  void setTarget(const std::shared_ptr<orvi::net::NetTransport>& target) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    target_ = target;
+  }
+  bool sendMessage(const std::string& message) override {
+    const auto target = current();
+    return target && target->sendMessage(message);
+  }
+  void httpRequest(const orvi::HttpRequest& request,
+                   std::shared_ptr<orvi::HttpCallback> callback) override {
+    if (const auto target = current()) return target->httpRequest(request, std::move(callback));
+    if (callback) callback->onResponse(orvi::HttpResponse(0, std::nullopt));
+  }
+
+ private:
+  std::shared_ptr<orvi::net::NetTransport> current() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return target_.lock();
+  }
+  std::mutex mutex_;  // guards target_
+  std::weak_ptr<orvi::net::NetTransport> target_;
+};
+
+// The hub's listener for the whole process (the hub takes one, once): the
+// outcome of remove, printed on the current terminal.
+class ChatHost::HubEvents final : public orvi::ConversationHubListener {
+ public:
+  static std::shared_ptr<HubEvents> instance() {
+    static const auto events = std::make_shared<HubEvents>();
+    return events;
+  }
+  void setTerminal(const std::shared_ptr<Terminal>& terminal) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    terminal_ = terminal;
+  }
+  void onConversationRemoved(bool success) override {
+    std::shared_ptr<Terminal> terminal;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      terminal = terminal_.lock();
+    }
+    if (terminal) terminal->line("delete", success ? "done" : "the server refused");
+  }
+
+ private:
+  std::mutex mutex_;  // guards terminal_
+  std::weak_ptr<Terminal> terminal_;
+};
+
+ChatHost::ChatHost(HostSettings settings, std::shared_ptr<Terminal> terminal)
+    : settings_(std::move(settings)), terminal_(std::move(terminal)) {}
+
+ChatHost::~ChatHost() {
+  stopTransport();
+  session_.reset();
+}
+
+bool ChatHost::start(std::string* error) {
+  std::error_code failed;
+  std::filesystem::create_directories(settings_.cache_dir, failed);
+  if (failed) {
+    *error = "cannot create " + settings_.cache_dir + ": " + failed.message();
+    return false;
+  }
+  const std::string path = settings_.cache_dir + "/history.db";
+  auto history = orvi::sqlite::SqliteExecutor::open(path, error);
+  if (!history) return false;
+  std::weak_ptr<Terminal> terminal = terminal_;
+  history->setErrorSink([terminal](const std::string& message) {
+    if (const auto target = terminal.lock()) target->diagnostic("sqlite: " + message);
+  });
+  auto hub = orvi::ConversationHub::instance();
+  hub->config(orvi::OrviConfig(settings_.cache_dir, 30, true), history);
+  HubEvents::instance()->setTerminal(terminal_);
+  hub->listen(HubEvents::instance());
+  hub->connect(Relay::instance());
+  terminal_->line("history", path);
+  return startTransport(error);
+}
+
+bool ChatHost::startTransport(std::string* error) {
+  orvi::net::NetOptions options;
+  options.websocket_url = settings_.websocket_url;
+  options.http_base_url = settings_.http_url;
+  options.headers = settings_.headers;
+  const bool verbose = settings_.verbose;
+  std::weak_ptr<Terminal> terminal = terminal_;
+  options.log = [terminal, verbose](orvi::LogLevel level, const std::string& line) {
+    if (!verbose && level < orvi::LogLevel::Warn) return;
+    if (const auto target = terminal.lock()) target->diagnostic("net: " + line);
+  };
+  options.on_state = [terminal](orvi::net::ConnectionState state, const std::string& detail) {
+    if (const auto target = terminal.lock()) {
+      target->line("net", std::string(stateText(state)) + (detail.empty() ? "" : ": " + detail));
+    }
+  };
+  net_ = orvi::net::NetTransport::create(std::move(options), error);
+  if (!net_) return false;
+  Relay::instance()->setTarget(net_);
+  net_->start();
+  return true;
+}
+
+void ChatHost::stopTransport() {
+  if (!net_) return;
+  net_->stop();
+  Relay::instance()->setTarget(nullptr);
+}
+
+bool ChatHost::waitConnected(std::chrono::milliseconds timeout) const {
+  return net_ && net_->waitConnected(timeout);
+}
+
+ChatSession* ChatHost::open(const std::string& local_id) {
+  closeSession();
+  std::string error;
+  orvi::ConversationOptions options;
+  options.uplink_message_ack_timeout_ms = settings_.ack_timeout_ms;
+  session_ = ChatSession::open(local_id, options, net_, terminal_, &error);
+  if (!session_) {
+    terminal_->line("open", error);
+    return nullptr;
+  }
+  terminal_->line("open", "conversation " + session_->localId());
+  return session_.get();
+}
+
+void ChatHost::closeSession() {
+  session_.reset();
+}
+
+bool ChatHost::restartTransport(std::string* error) {
+  stopTransport();
+  closeSession();
+  net_.reset();
+  return startTransport(error);
+}
+
+void ChatHost::listLocal() {
+  const auto conversations = orvi::ConversationHub::instance()->list();
+  if (conversations.empty()) terminal_->line("list", "(no stored conversations)");
+  const std::string current = session_ ? session_->localId() : std::string();
+  for (const auto& info : conversations) {
+    terminal_->line("list",
+                    describe(info) + (info.local_conversation_id == current ? "  <- open" : ""));
+  }
+}
+
+std::optional<orvi::ConversationListInfo> ChatHost::listRemote(
+    std::optional<std::chrono::milliseconds> wait) {
+  auto page = std::make_shared<RemoteList>(terminal_);
+  if (!orvi::ConversationHub::instance()->listRemote("", 20, true, page)) {
+    terminal_->line("remote", "cannot list: no connection to the server");
+    return std::nullopt;
+  }
+  return wait ? page->wait(*wait) : std::nullopt;
+}
+
+bool ChatHost::remove(const std::string& local_id) {
+  if (session_ && session_->localId() == local_id) {
+    terminal_->line("delete", "that conversation is open; /new or /open another one first");
+    return false;
+  }
+  if (orvi::ConversationHub::instance()->remove(local_id)) return true;
+  terminal_->line("delete", "refused (open elsewhere, or no connection)");
+  return false;
+}
+
+}  // namespace orvi_chat

@@ -1,0 +1,55 @@
+#include "terminal.h"
+
+namespace orvi_chat {
+namespace {
+
+const char kAnswerTag[] = "bot";
+
+std::string padded(const std::string& tag) {
+  constexpr size_t kWidth = 9;
+  return tag.size() >= kWidth ? tag + ' ' : tag + std::string(kWidth - tag.size(), ' ');
+}
+
+}  // namespace
+
+void Terminal::line(const std::string& tag, const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  endOpenLineLocked();
+  out_ << padded(tag) << text << '\n' << std::flush;
+}
+
+void Terminal::diagnostic(const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  endOpenLineLocked();
+  err_ << text << '\n' << std::flush;
+}
+
+void Terminal::stream(const std::string& message_id, const std::string& text, bool complete) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::string& shown = shown_[message_id];
+  const bool appended = text.compare(0, shown.size(), shown) == 0;
+  if (open_id_ == message_id && appended) {
+    out_ << text.substr(shown.size());
+  } else {
+    // A new answer, one interrupted by another line, or a rewrite that is
+    // not an append: start over on a line of its own.
+    endOpenLineLocked();
+    out_ << padded(kAnswerTag) << text;
+    open_id_ = message_id;
+  }
+  shown = text;
+  if (complete) {
+    out_ << '\n';
+    open_id_.clear();
+    shown_.erase(message_id);
+  }
+  out_ << std::flush;
+}
+
+void Terminal::endOpenLineLocked() {
+  if (open_id_.empty()) return;
+  out_ << '\n';
+  open_id_.clear();
+}
+
+}  // namespace orvi_chat

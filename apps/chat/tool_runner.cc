@@ -1,0 +1,43 @@
+#include "tool_runner.h"
+
+namespace orvi_chat {
+
+ToolRunner::ToolRunner() : thread_([this] { run(); }) {}
+
+ToolRunner::~ToolRunner() {
+  stop();
+}
+
+void ToolRunner::post(std::function<void()> job) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return;
+    jobs_.push_back(std::move(job));
+  }
+  wake_.notify_one();
+}
+
+void ToolRunner::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopped_ = true;
+    jobs_.clear();
+  }
+  wake_.notify_one();
+  if (thread_.joinable()) thread_.join();
+}
+
+void ToolRunner::run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    wake_.wait(lock, [this] { return stopped_ || !jobs_.empty(); });
+    if (stopped_) return;
+    std::function<void()> job = std::move(jobs_.front());
+    jobs_.pop_front();
+    lock.unlock();
+    job();
+    lock.lock();
+  }
+}
+
+}  // namespace orvi_chat
