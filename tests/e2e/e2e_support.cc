@@ -1,6 +1,7 @@
 #include "e2e_support.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -55,22 +56,28 @@ uint16_t readPort(int fd) {
 }  // namespace
 
 EmulatorProcess::EmulatorProcess(const std::vector<std::string>& flags) {
-  std::vector<std::string> args = {ORVI_EMULATOR_PATH, "--port", "0"};
+  // The emulator also ends when its stdin closes, so that it never outlives
+  // a test process that crashed.
+  std::vector<std::string> args = {ORVI_EMULATOR_PATH, "--port", "0", "--exit-on-stdin-eof"};
   args.insert(args.end(), flags.begin(), flags.end());
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
 
   int out[2];
-  if (::pipe(out) != 0) return;
+  int in[2];
+  if (::pipe2(out, O_CLOEXEC) != 0) return;
+  if (::pipe2(in, O_CLOEXEC) != 0) return;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, out[0]);
+  posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
   const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(out[1]);
+  ::close(in[0]);
   stdout_fd_ = out[0];
+  stdin_fd_ = in[1];
   if (spawned != 0) {
     pid_ = -1;
     return;
@@ -81,6 +88,7 @@ EmulatorProcess::EmulatorProcess(const std::vector<std::string>& flags) {
 EmulatorProcess::~EmulatorProcess() {
   stop();
   if (stdout_fd_ >= 0) ::close(stdout_fd_);
+  if (stdin_fd_ >= 0) ::close(stdin_fd_);
 }
 
 bool EmulatorProcess::stop() {
@@ -121,20 +129,20 @@ bool NetEvents::hasLine(const std::string& fragment) const {
 
 class WireTap::Recorder : public ITransport {
  public:
-  explicit Recorder(WireTap& tap) : tap_(tap) {}
+  explicit Recorder(std::shared_ptr<Record> record) : record_(std::move(record)) {}
   void onMessageReceived(const std::string& message) override {
-    std::lock_guard<std::mutex> lock(tap_.mutex_);
-    tap_.downlinks_.push_back(nlohmann::json::parse(message, nullptr, false));
+    std::lock_guard<std::mutex> lock(record_->mutex);
+    record_->downlinks.push_back(nlohmann::json::parse(message, nullptr, false));
   }
 
  private:
-  WireTap& tap_;
+  std::shared_ptr<Record> record_;
 };
 
 std::shared_ptr<WireTap> WireTap::connect(const std::string& websocket_url,
                                           const std::string& http_url) {
   std::shared_ptr<WireTap> tap(new WireTap());
-  WireTap* raw = tap.get();
+  const std::shared_ptr<Record> record = tap->record_;
   net::NetOptions options;
   options.websocket_url = websocket_url;
   options.http_base_url = http_url;
@@ -142,18 +150,18 @@ std::shared_ptr<WireTap> WireTap::connect(const std::string& websocket_url,
   options.http_timeout_ms = 3000;
   options.reconnect_min_ms = 50;
   options.reconnect_max_ms = 400;
-  options.log = [raw](LogLevel, const std::string& line) {
-    std::lock_guard<std::mutex> lock(raw->mutex_);
-    raw->events_.lines.push_back(line);
+  options.log = [record](LogLevel, const std::string& line) {
+    std::lock_guard<std::mutex> lock(record->mutex);
+    record->events.lines.push_back(line);
   };
-  options.on_state = [raw](net::ConnectionState state, const std::string&) {
-    std::lock_guard<std::mutex> lock(raw->mutex_);
-    raw->events_.states.push_back(state);
+  options.on_state = [record](net::ConnectionState state, const std::string&) {
+    std::lock_guard<std::mutex> lock(record->mutex);
+    record->events.states.push_back(state);
   };
   std::string error;
   tap->transport_ = net::NetTransport::create(options, &error);
   if (!tap->transport_) return nullptr;
-  tap->recorder_ = std::make_shared<Recorder>(*tap);
+  tap->recorder_ = std::make_shared<Recorder>(record);
   tap->transport_->addReceiver(tap->recorder_);
   tap->transport_->start();
   return tap;
@@ -169,8 +177,8 @@ void WireTap::addReceiver(const std::shared_ptr<ITransport>& receiver) {
 
 bool WireTap::sendMessage(const std::string& frame) {
   const bool sent = transport_->sendMessage(frame);
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (sent) uplinks_.push_back(frame);
+  std::lock_guard<std::mutex> lock(record_->mutex);
+  if (sent) record_->uplinks.push_back(frame);
   return sent;
 }
 
@@ -179,25 +187,25 @@ void WireTap::httpRequest(const HttpRequest& request, std::shared_ptr<HttpCallba
 }
 
 std::vector<std::string> WireTap::uplinks() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return uplinks_;
+  std::lock_guard<std::mutex> lock(record_->mutex);
+  return record_->uplinks;
 }
 
 std::vector<nlohmann::json> WireTap::downlinks() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return downlinks_;
+  std::lock_guard<std::mutex> lock(record_->mutex);
+  return record_->downlinks;
 }
 
 NetEvents WireTap::events() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return events_;
+  std::lock_guard<std::mutex> lock(record_->mutex);
+  return record_->events;
 }
 
 void configureHubOnce() {
   static TempDir cache("orvi-e2e");
   static const bool configured = [] {
     auto history = sqlite::SqliteExecutor::open(cache.file("history.db"));
-    ConversationHub::instance()->config(OrviConfig(cache.path(), 30, false), history);
+    ConversationHub::instance()->config(OrviConfig(cache.path(), 30, true), history);
     return history != nullptr;
   }();
   (void)configured;

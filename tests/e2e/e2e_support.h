@@ -44,6 +44,7 @@ class EmulatorProcess {
  private:
   pid_t pid_ = -1;
   int stdout_fd_ = -1;
+  int stdin_fd_ = -1;  // the emulator's stdin; it exits when this closes
   uint16_t port_ = 0;
 };
 
@@ -61,7 +62,15 @@ struct NetEvents {
 
 // The host's sender as the library sees it: forwards to a NetTransport and
 // records every uplink frame; registered as a receiver too, it records every
-// downlink frame before the library's receivers see it. Thread-safe.
+// downlink frame before the library's receivers see it. Thread-safe. What it
+// records lives in a block shared with the transport's callbacks: the
+// library may drop the last reference to the tap on the transport's own
+// thread, which then finishes its shutdown (and reports it) after the tap is
+// gone. What it
+// records lives in a block of its own, shared with the transport's
+// callbacks: the library may drop the last reference to the tap on the
+// transport's own thread, which then finishes its shutdown (and reports it)
+// after the tap is gone.
 class WireTap : public ITransportSender {
  public:
   // Starts a transport to `websocket_url` (and `http_url` for REST).
@@ -81,14 +90,17 @@ class WireTap : public ITransportSender {
 
  private:
   class Recorder;
+  struct Record {
+    std::mutex mutex;
+    std::vector<std::string> uplinks;       // guarded by mutex
+    std::vector<nlohmann::json> downlinks;  // guarded by mutex
+    NetEvents events;                       // guarded by mutex
+  };
   WireTap() = default;
 
-  std::shared_ptr<net::NetTransport> transport_;
+  std::shared_ptr<Record> record_ = std::make_shared<Record>();
   std::shared_ptr<Recorder> recorder_;
-  mutable std::mutex mutex_;
-  std::vector<std::string> uplinks_;       // guarded by mutex_
-  std::vector<nlohmann::json> downlinks_;  // guarded by mutex_
-  NetEvents events_;                       // guarded by mutex_
+  std::shared_ptr<net::NetTransport> transport_;
 };
 
 // Configures the process's hub once, over SQLite history in a scratch

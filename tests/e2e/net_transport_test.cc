@@ -125,6 +125,10 @@ struct RestFault {
   const char* log_line;
 };
 
+void PrintTo(const RestFault& fault, std::ostream* out) {
+  *out << fault.log_line;
+}
+
 class RestErrors : public ::testing::TestWithParam<RestFault> {};
 
 // One process per case: the hub keeps the first sender it is connected to.
