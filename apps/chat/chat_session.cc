@@ -53,11 +53,10 @@ std::string describe(const orvi::ComboMessage& combo) {
   if (combo.user_message) return "you: " + userText(*combo.user_message);
   if (combo.assistant_message) {
     const orvi::AssistantMessage& answer = *combo.assistant_message;
-    const std::string text = asksForTools(answer)
-                                 ? "[asks for " + toolCallsText(*answer.tool_calls) + "]"
-                                 : answerText(answer);
-    const bool complete = answer.status == orvi::MessageStatus::Completed;
-    return "bot: " + text + (complete ? "" : "  (unfinished)");
+    if (asksForTools(answer)) return "bot: [asks for " + toolCallsText(*answer.tool_calls) + "]";
+    const std::string text = answerText(answer);
+    if (answer.status == orvi::MessageStatus::Completed) return "bot: " + text;
+    return "bot: " + (text.empty() ? "(unfinished, no text kept)" : text + "  (unfinished)");
   }
   if (combo.system_message) {
     return "system: " + std::to_string(combo.system_message->code) + " " +
@@ -149,6 +148,12 @@ class ChatSession::Listener final : public orvi::ConversationListener {
     std::lock_guard<std::mutex> lock(mutex_);
     return last_popup_page_;
   }
+  // The cursor of the next older page of the server's sections; empty when
+  // paging starts over at the newest.
+  std::string remoteCursor() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return remote_cursor_;
+  }
 
   void onAck(const std::string& local_message_id, orvi::AckStatus status) override {
     std::string kind;
@@ -218,7 +223,14 @@ class ChatSession::Listener final : public orvi::ConversationListener {
       }
       return;
     }
-    terminal_->line("recover", recoverText(status));
+    std::string text = recoverText(status);
+    if (extra) {  // a page of recoverRemoteSections
+      text += extra->has_more ? " (older sections: repeat the command)"
+                              : " (start of the conversation)";
+      std::lock_guard<std::mutex> lock(mutex_);
+      remote_cursor_ = extra->has_more ? extra->next_cursor : std::string();
+    }
+    terminal_->line("recover", text);
     record([&](SessionFacts& facts) { facts.recover_statuses.push_back(status); });
   }
 
@@ -279,14 +291,14 @@ class ChatSession::Listener final : public orvi::ConversationListener {
   std::map<std::string, std::string> kinds_;  // local message id -> prompt, cancel, ...
   std::set<std::string> tool_messages_;       // assistant messages whose calls were run
   std::optional<orvi::RecoverExtra> last_popup_page_;
+  std::string remote_cursor_;
   std::weak_ptr<orvi::Conversation> conversation_;
 
   ToolRunner tools_;  // last: its jobs use the members above, so it stops first
 };
 
-// One page of fetchHistoryMessages: prints it and keeps the cursor of the
-// page before it. Local pages arrive on the calling thread, remote ones on
-// the I/O thread, hence the lock.
+// One page of the local fetchHistoryMessages: prints it and keeps the
+// cursor of the page before it.
 class ChatSession::PagePrinter final : public orvi::IFetchMessageCallback {
  public:
   PagePrinter(std::shared_ptr<Terminal> terminal, std::string tag)
@@ -356,8 +368,7 @@ ChatSession::ChatSession(std::string local_id, std::shared_ptr<orvi::Conversatio
       inbound_(std::move(inbound)),
       net_(std::move(net)),
       terminal_(std::move(terminal)),
-      local_pages_(std::make_shared<PagePrinter>(terminal_, "history")),
-      remote_pages_(std::make_shared<PagePrinter>(terminal_, "remote")) {}
+      local_pages_(std::make_shared<PagePrinter>(terminal_, "history")) {}
 
 ChatSession::~ChatSession() {
   listener_->stopTools();
@@ -421,9 +432,13 @@ void ChatSession::historyPage(int count) {
   local_pages_->atPageEnd(page && page->has_more, page ? page->next_cursor : std::string());
 }
 
+// The server's cursors are its own texts (a section id, say), which only
+// recoverRemoteSections takes; its pages come to the listener like any
+// recovered section, and the next cursor with the recovery status.
 void ChatSession::remoteHistoryPage(int count) {
-  const std::string cursor = remote_pages_->next();
-  conversation_->fetchHistoryMessages(true, cursor.empty() ? "0" : cursor, count, remote_pages_);
+  const std::string cursor = listener_->remoteCursor();
+  if (conversation_->recoverRemoteSections(cursor.empty() ? "0" : cursor, count)) return;
+  terminal_->line("remote", "not started (no server id yet, or a recovery is running)");
 }
 
 SessionFacts ChatSession::facts() const {

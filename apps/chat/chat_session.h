@@ -82,7 +82,7 @@ class ChatSession {
   // Pages back through the local history, `count` messages a page: the
   // first call starts at the newest, each further call shows the page before.
   void historyPage(int count);
-  // The same against the server's history (sections, newest first).
+  // The same against the server's history, `count` sections a page.
   void remoteHistoryPage(int count);
 
   SessionFacts facts() const;
@@ -104,10 +104,7 @@ class ChatSession {
   std::shared_ptr<orvi::ITransport> inbound_;  // the net adapter holds it only weakly
   std::shared_ptr<orvi::net::NetTransport> net_;
   std::shared_ptr<Terminal> terminal_;
-  // Paging cursors, shared with the page callbacks (remote ones answer on
-  // the I/O thread); see PagePrinter.
-  std::shared_ptr<PagePrinter> local_pages_;
-  std::shared_ptr<PagePrinter> remote_pages_;
+  std::shared_ptr<PagePrinter> local_pages_;  // the local paging cursor
 };
 
 }  // namespace orvi_chat

@@ -92,10 +92,11 @@ class Demo {
       terminal_->line("demo", "the history is kept in " + cache_dir_);
       return 1;
     }
+    host_.reset();
+    emulator_->stop();
     terminal_->line("demo",
                     "passed: restored history matched the live conversation; the server's "
                     "latest section and conversation list were read back");
-    host_.reset();
     if (temporary_cache_) {
       std::error_code ignored;
       std::filesystem::remove_all(cache_dir_, ignored);
