@@ -68,8 +68,10 @@ void ConversationImpl::recvMessage(const MessagePtr& message, bool from_stash) {
     return;
   }
   adoptConversationId(message);
-  dispatch(result);
+  // Stored before the host sees it: a host that answers at once (a tool
+  // result, say) must find its reply stored after the message it answers.
   recordReceived(message, result);
+  dispatch(result);
 }
 
 bool ConversationImpl::handleAck(const MessagePtr& message) {
