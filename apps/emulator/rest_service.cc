@@ -54,7 +54,7 @@ Json messageJson(const Conversation& conversation, const Section& section,
   return json;
 }
 
-// A page offset; anything but a number within `size` reads as 0.
+// A decimal cursor; anything but a number within `size` reads as 0.
 size_t offsetOf(const std::string& cursor, size_t size) {
   size_t offset = 0;
   for (const char c : cursor) {
@@ -121,15 +121,18 @@ std::string RestService::recoverSections(const std::string& body) {
   if (!request.is_object()) return head("errmsg", "400", "bad request body", log_id).dump();
   Conversation* conversation = store_.find(stringMember(request, "conversation_id"));
   if (conversation == nullptr) return head("errmsg", "404", "unknown conversation", log_id).dump();
-  // The cursor is the id of the oldest section already delivered ("0" or
-  // empty: none); a page holds the `count` sections before it, oldest first.
+  // The cursor is the position (from 1, oldest first) of the oldest section
+  // already delivered; "0" or empty: none. A page holds the `count` sections
+  // before it, oldest first. Positions never move, so sections added while a
+  // client pages cause no gap or repeat; and the cursor is a decimal number
+  // because the client's history fetch reads it as one.
   const auto& sections = conversation->sections;
   const std::string cursor = stringMember(request, "cursor");
   size_t end = sections.size();
   if (!cursor.empty() && cursor != "0") {
-    end = 0;
-    while (end < sections.size() && sections[end].id != cursor) ++end;
-    if (end == sections.size()) return head("errmsg", "404", "unknown cursor", log_id).dump();
+    end = offsetOf(cursor, sections.size());
+    if (end == 0) return head("errmsg", "404", "unknown cursor", log_id).dump();
+    --end;
   }
   const size_t begin = end - std::min(end, static_cast<size_t>(countMember(request, 10)));
   Json list = Json::array();
@@ -137,7 +140,7 @@ std::string RestService::recoverSections(const std::string& body) {
   Json reply = head("errmsg", "0", "", log_id);
   reply["data"] = {{"section_list", std::move(list)},
                    {"has_more", begin > 0},
-                   {"next_cursor", begin > 0 ? sections[begin].id : std::string()}};
+                   {"next_cursor", begin > 0 ? std::to_string(begin + 1) : std::string()}};
   return reply.dump();
 }
 
