@@ -211,6 +211,30 @@ void secure(Stream& stream, NetCore& owner, const std::string& host, Next next) 
   next(beast::error_code());
 }
 
+// Resolves `url`, connects within `timeout` and, when `stream` has TLS,
+// performs its handshake; then calls done("") or done(the failed step). The
+// caller's `done` keeps it, and so `resolver`, `stream` and `url`, alive.
+template <class Stream, class Done>
+void openStream(tcp::resolver& resolver, Stream& stream, NetCore& owner, const Url& url,
+                Millis timeout, Done done) {
+  resolver.async_resolve(
+      url.host, url.port,
+      [&stream, &owner, &url, timeout, done = std::move(done)](
+          beast::error_code error, tcp::resolver::results_type found) mutable {
+        if (error) return done(describe("resolve", error));
+        auto& lowest = beast::get_lowest_layer(stream);
+        lowest.expires_after(timeout);
+        lowest.async_connect(found, [&stream, &owner, &url, done = std::move(done)](
+                                        beast::error_code error, const tcp::endpoint&) mutable {
+          if (error) return done(describe("connect", error));
+          secure(stream, owner, url.host,
+                 [done = std::move(done)](beast::error_code error) mutable {
+                   done(error ? describe("TLS handshake", error) : std::string());
+                 });
+        });
+      });
+}
+
 template <class Stream>
 class WebSocketConnection : public Connection,
                             public std::enable_shared_from_this<WebSocketConnection<Stream>> {
@@ -223,11 +247,12 @@ class WebSocketConnection : public Connection,
         ws_(std::forward<StreamArgs>(args)...) {}
 
   void start() override {
-    resolver_.async_resolve(url_.host, url_.port,
-                            [self = this->shared_from_this()](beast::error_code error,
-                                                              tcp::resolver::results_type found) {
-                              self->onResolved(error, found);
-                            });
+    openStream(resolver_, ws_.next_layer(), owner_, url_,
+               Millis(owner_.options().connect_timeout_ms),
+               [self = this->shared_from_this()](const std::string& failure) {
+                 if (!failure.empty()) return self->fail(failure);
+                 self->handshake();
+               });
   }
 
   void send(std::string frame) override {
@@ -249,20 +274,6 @@ class WebSocketConnection : public Connection,
 
  private:
   beast::tcp_stream& lowest() { return beast::get_lowest_layer(ws_); }
-
-  void onResolved(beast::error_code error, const tcp::resolver::results_type& found) {
-    if (error) return fail(describe("resolve", error));
-    lowest().expires_after(Millis(owner_.options().connect_timeout_ms));
-    lowest().async_connect(
-        found, [self = this->shared_from_this()](beast::error_code error, const tcp::endpoint&) {
-          if (error) return self->fail(describe("connect", error));
-          secure(self->ws_.next_layer(), self->owner_, self->url_.host,
-                 [self](beast::error_code error) {
-                   if (error) return self->fail(describe("TLS handshake", error));
-                   self->handshake();
-                 });
-        });
-  }
 
   void handshake() {
     lowest().expires_never();
@@ -359,12 +370,13 @@ class HttpExchangeOn : public HttpExchange,
     request_.prepare_payload();
   }
 
+  // One deadline, set when connecting, covers the whole exchange.
   void start() override {
-    resolver_.async_resolve(url_.host, url_.port,
-                            [self = this->shared_from_this()](beast::error_code error,
-                                                              tcp::resolver::results_type found) {
-                              self->onResolved(error, found);
-                            });
+    openStream(resolver_, stream_, owner_, url_, Millis(owner_.options().http_timeout_ms),
+               [self = this->shared_from_this()](const std::string& failure) {
+                 if (!failure.empty()) return self->fail(failure);
+                 self->write();
+               });
   }
 
   void abort() override {
@@ -377,20 +389,6 @@ class HttpExchangeOn : public HttpExchange,
   beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
 
   std::string address() const { return url_.origin() + std::string(request_.target()); }
-
-  void onResolved(beast::error_code error, const tcp::resolver::results_type& found) {
-    if (error) return fail(describe("resolve", error));
-    // One deadline for the whole exchange.
-    lowest().expires_after(Millis(owner_.options().http_timeout_ms));
-    lowest().async_connect(
-        found, [self = this->shared_from_this()](beast::error_code error, const tcp::endpoint&) {
-          if (error) return self->fail(describe("connect", error));
-          secure(self->stream_, self->owner_, self->url_.host, [self](beast::error_code error) {
-            if (error) return self->fail(describe("TLS handshake", error));
-            self->write();
-          });
-        });
-  }
 
   void write() {
     http::async_write(stream_, request_,
