@@ -8,6 +8,7 @@
 #include "orvi/utils/base64.h"
 #include "orvi/utils/gzip.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 namespace {
@@ -208,7 +209,7 @@ std::string SyncMessageProcessor::describe(const SentResults& results) {
 
 std::optional<SyncDownlinkMessage> SyncMessageProcessor::parseDownlink(const std::string& text) {
   try {
-    const nlohmann::json j = nlohmann::json::parse(text);
+    const nlohmann::json j = parseUntrustedJson(text);
     if (!j.is_object()) throw std::invalid_argument("downlink message is not a JSON object");
     SyncDownlinkMessage message;
     message.id = optionalMember<std::string>(j, "id").value_or("");

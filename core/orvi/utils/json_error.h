@@ -4,8 +4,10 @@
 #pragma once
 
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 // Logs "Error: <what>, original json: <text>" at error level, with the
-// caller's source location. `text` is a std::string.
+// caller's source location; `text` (anything a std::string_view takes) is
+// quoted as textForLog cuts it, never re-serialised from a parsed tree.
 #define ORVI_LOG_JSON_ERROR(exception, text) \
-  ORVI_LOGE("Error: %s, original json: %s", (exception).what(), (text).c_str())
+  ORVI_LOGE("Error: %s, original json: %s", (exception).what(), ::orvi::textForLog(text).c_str())

@@ -4,6 +4,7 @@
 
 #include "orvi/message/processor/wire_conversion.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 
@@ -18,7 +19,7 @@ std::string MessageUtils::toolCalls2JsonString(const std::vector<ToolCall>& tool
 std::vector<ToolCall> MessageUtils::toolCallsFromJsonString(const std::string& json) {
   std::vector<ToolCall> calls;
   try {
-    const idl::Json root = idl::Json::parse(json);
+    const idl::Json root = parseUntrustedJson(json);
     const auto list = root.is_object() ? root.find("tool_calls") : root.end();
     if (list == root.end() || !list->is_array()) {
       ORVI_LOGE("tool calls json string is not array, json_str = %s", json.c_str());

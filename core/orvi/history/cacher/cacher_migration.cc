@@ -11,6 +11,7 @@
 #include "orvi/message/processor/message_processor.h"
 #include "orvi/utils/file_utils.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 namespace {
@@ -73,7 +74,7 @@ bool Cacher::firstMigrationToDb() {
 
   std::vector<ConversationInfo> conversations;
   try {
-    const Json index = Json::parse(text);
+    const Json index = parseUntrustedJson(text);
     const Json& list = index.at("conversations");
     if (!list.is_array()) {
       throw Json::type_error::create(302, std::string("type must be array, but is ") +
@@ -111,7 +112,7 @@ std::vector<MessageRecord> Cacher::loadMessages(const ConversationInfo& conversa
 
   std::vector<MessageRecord> records;
   try {
-    const Json file = Json::parse(text);
+    const Json file = parseUntrustedJson(text);
     const Json& messages = file.at("messages");
     if (!messages.is_array()) {
       throw Json::type_error::create(302, std::string("type must be array, but is ") +

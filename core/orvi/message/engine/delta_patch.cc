@@ -17,6 +17,7 @@
 #include "orvi/message/wrapper/assistant_message_wrapper.h"
 #include "orvi/message/wrapper/delta_message_wrapper.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 namespace {
@@ -118,11 +119,11 @@ void MessageEngine::patchLocked(const DeltaMessageWrapper& delta) {
   try {
     if (!cache.valid || cache.text != payload) {
       cache.valid = false;
-      cache.document = Json::parse(payload);
+      cache.document = parseUntrustedJson(payload);
       cache.text = payload;
       cache.valid = true;
     }
-    const Json operations = Json::parse(patch_text);
+    const Json operations = parseUntrustedJson(patch_text);
     if (!operations.is_array()) {
       ORVI_LOGE("MessageEngine patch msg(%s) failed, json_patch is not array, json_patch_str: %s",
                 id.c_str(), patch_text.c_str());

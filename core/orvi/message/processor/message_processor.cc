@@ -11,6 +11,7 @@
 #include "orvi/utils/gzip.h"
 #include "orvi/utils/json_error.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 namespace {
@@ -65,7 +66,7 @@ MessageRecord recordOf(const MessageBase& message, std::string content, int64_t 
 
 MessagePtr MessageProcessor::parse(const std::string& text) {
   try {
-    const idl::Json json = idl::Json::parse(text);
+    const idl::Json json = parseUntrustedJson(text);
     if (!isRemoteFrame(json)) return _parseLocalMessage(json);
     auto frame = json.get<idl::DownlinkMessage>();
     if (frame.compression) _unCompressContent(frame.content, *frame.compression);
@@ -158,7 +159,7 @@ void MessageProcessor::_unCompressContent(std::string& content,
 bool MessageProcessor::isMatchAssistantMessage(const std::string& text,
                                                const std::string& message_id) {
   try {
-    const idl::Json json = idl::Json::parse(text);
+    const idl::Json json = parseUntrustedJson(text);
     if (!isRemoteFrame(json)) return false;
     const auto content = json.find("content");
     if (content == json.end() || !content->is_object()) return false;

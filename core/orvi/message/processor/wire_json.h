@@ -26,6 +26,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "orvi/utils/untrusted_json.h"
+
 namespace orvi {
 namespace idl {
 
@@ -225,7 +227,7 @@ std::string toText(const R& record) {
 template <typename R>
 R fromText(const std::string& text) {
   R record;
-  detail::readValue(Json::parse(text), record);
+  detail::readValue(parseUntrustedJson(text), record);
   return record;
 }
 
