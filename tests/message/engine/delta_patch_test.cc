@@ -50,7 +50,8 @@ const PatchCase kStandardCases[] = {
      R"([{"op":"move","from":"/foo/waldo","path":"/qux/thud"}])",
      R"({"foo":{"bar":"baz"},"qux":{"corge":"grault","thud":"fred"}})"},
     {"A.7 move array element", R"({"foo":["all","grass","cows","eat"]})",
-     R"([{"op":"move","from":"/foo/1","path":"/foo/3"}])", R"({"foo":["all","cows","eat","grass"]})"},
+     R"([{"op":"move","from":"/foo/1","path":"/foo/3"}])",
+     R"({"foo":["all","cows","eat","grass"]})"},
     {"A.8 test success", R"({"baz":"qux","foo":["a",2,"c"]})",
      R"([{"op":"test","path":"/baz","value":"qux"},{"op":"test","path":"/foo/1","value":2}])",
      R"({"baz":"qux","foo":["a",2,"c"]})"},
@@ -96,16 +97,17 @@ TEST(DeltaPatchTest, StandardOperationsFollowRfc6902) {
 }
 
 TEST(DeltaPatchTest, AppendExtendsOrCreatesStringsAndRunsBeforeStandardOperations) {
-  EXPECT_EQ(applyDelta({{"text", "Hel"}}, json::parse(R"([{"op":"append","path":"/text","value":"lo"}])")),
+  EXPECT_EQ(applyDelta({{"text", "Hel"}},
+                       json::parse(R"([{"op":"append","path":"/text","value":"lo"}])")),
             json({{"text", "Hello"}}));
   EXPECT_EQ(applyDelta(json::object(),
                        json::parse(R"([{"op":"append","path":"/cards/0/title","value":"T"}])")),
             json::parse(R"({"cards":[{"title":"T"}]})"));  // as pointer assignment builds it
   // "replace" comes first in the array, but every append runs before it.
-  EXPECT_EQ(applyDelta({{"text", "a"}},
-                       json::parse(R"([{"op":"replace","path":"/text","value":"final"},)"
-                                   R"({"op":"append","path":"/text","value":"b"}])")),
-            json({{"text", "final"}}));
+  EXPECT_EQ(
+      applyDelta({{"text", "a"}}, json::parse(R"([{"op":"replace","path":"/text","value":"final"},)"
+                                              R"({"op":"append","path":"/text","value":"b"}])")),
+      json({{"text", "final"}}));
   // Multi-byte text survives the appends.
   EXPECT_EQ(applyDelta({{"text", "\xe4\xbd\xa0"}},
                        json::parse(R"([{"op":"append","path":"/text","value":"\u597d"},)"
@@ -137,12 +139,14 @@ TEST(DeltaPatchTest, BadDeltasAreLoggedAndChangeNothing) {
     MessageEngine engine("lc1");
     auto assistant = engine.enqueue(assistantFrame("a1", document.dump()));
     idl::OrderedJson content = {{"message_id", "a1"}, {"json_patch", c.patch}};
-    engine.enqueue(MessageProcessor::parse(test::downlinkFrame("delta", json::parse(content.dump()))));
+    engine.enqueue(
+        MessageProcessor::parse(test::downlinkFrame("delta", json::parse(content.dump()))));
     EXPECT_EQ(json::parse(payloadOf(assistant)), document);
     EXPECT_EQ(log->countContaining(c.line), 1u) << c.line;
 
     // The kept document was not touched either: a good delta still applies.
-    engine.enqueue(deltaFrame("a1", json::parse(R"([{"op":"append","path":"/text","value":"!"}])")));
+    engine.enqueue(
+        deltaFrame("a1", json::parse(R"([{"op":"append","path":"/text","value":"!"}])")));
     EXPECT_EQ(json::parse(payloadOf(assistant))["text"], "keep!");
   }
 }
@@ -163,11 +167,13 @@ TEST(DeltaPatchTest, DeltasWithoutAUsableTarget) {
   engine.patch(test::userMessage("hi"));
   EXPECT_TRUE(log->has("MessageEngine patch failed, message type is not delta"));
 
-  // A new prompt drops the old turn's queue but the index still finds the
-  // message, so a late delta keeps patching it.
+  // A new prompt drops the old turn's answers: a late delta finds nothing.
   auto early = engine.enqueue(assistantFrame("a3", R"({"t":""})"));
   engine.enqueue(test::userMessage("next question"));
-  EXPECT_TRUE(engine.enqueue(deltaFrame("a3", json::parse(R"([{"op":"append","path":"/t","value":"late"}])"))));
+  EXPECT_FALSE(engine.enqueue(
+      deltaFrame("a3", json::parse(R"([{"op":"append","path":"/t","value":"late"}])"))));
+  EXPECT_EQ(payloadOf(early), R"({"t":""})");
+  EXPECT_TRUE(log->has("MessageEngine patch failed, message a3 is not found"));
 }
 
 }  // namespace

@@ -79,7 +79,7 @@ MessagePtr MessageProcessor::parse(const std::string& text) {
 
 MessagePtr MessageProcessor::_parseLocalMessage(const idl::Json& json) {
   auto wrapper = std::make_shared<UserMessageWrapper>();
-  if (!wrapper->unmarshalJson(json)) return nullptr;
+  if (!wrapper->unmarshal(json)) return nullptr;
   ORVI_LOGD(
       "Parse local message: conversation_id=%s, local_conversation_id=%s, section_id=%s, "
       "local_section_id=%s",
@@ -93,12 +93,13 @@ MessagePtr MessageProcessor::_parseRemoteMessage(const idl::DownlinkMessage& fra
   MessagePtr wrapper;
   switch (frame.event) {
     case idl::RemoteEventType::Message: {
-      wrapper = std::make_shared<AssistantMessageWrapper>();
+      auto message = std::make_shared<AssistantMessageWrapper>();
       // A frame without content still names the message's ids and time.
       if (!frame.content.empty()) {
-        if (!wrapper->unmarshal(frame.content)) return nullptr;
-        wrapper->sync();
+        if (!message->unmarshal(frame.content)) return nullptr;
+        _classifyMessage(*message);
       }
+      wrapper = message;
       break;
     }
     case idl::RemoteEventType::Delta:
@@ -133,6 +134,22 @@ MessagePtr MessageProcessor::_parseRemoteMessage(const idl::DownlinkMessage& fra
       ids.local_conversation_id.c_str(), ids.section_id.c_str(), ids.local_section_id.c_str(),
       ids.extra.value_or(std::string()).c_str());
   return wrapper;
+}
+
+// A "message" frame is the server's answer unless its content names the
+// role "user": then it is the server's acknowledgement of a user message,
+// which echoes that message back. A content without "role" is an answer
+// too. A role that is neither gets no public record, so the conversation
+// refuses it as an invalid assistant message, as it refuses a frame with no
+// content at all.
+void MessageProcessor::_classifyMessage(AssistantMessageWrapper& message) {
+  using RoleText = AssistantMessageWrapper::RoleText;
+  switch (message.roleText()) {
+    case RoleText::User: message.markAcknowledgement(); return;
+    case RoleText::Assistant:
+    case RoleText::Absent: message.sync(); return;
+    case RoleText::Other: return;
+  }
 }
 
 void MessageProcessor::_unCompressContent(std::string& content,
@@ -317,9 +334,8 @@ RecoverSectionsResult MessageProcessor::recoverSections(const std::string& body)
   ORVI_LOGI(
       "Recover sections, ret: %s, errmsg: %s, log_id: %s, section size: %zu, has_more: %d, "
       "next_cursor: %s",
-      reply.ret.c_str(), reply.errmsg.c_str(), reply.log_id.c_str(),
-      reply.data.section_list.size(), reply.data.has_more ? 1 : 0,
-      reply.data.next_cursor.c_str());
+      reply.ret.c_str(), reply.errmsg.c_str(), reply.log_id.c_str(), reply.data.section_list.size(),
+      reply.data.has_more ? 1 : 0, reply.data.next_cursor.c_str());
   if (reply.ret != "0") return result;
   result.valid = true;
   result.has_more = reply.data.has_more;
@@ -348,12 +364,11 @@ ConversationListInfo MessageProcessor::parseConversationListResp(const std::stri
   }
   ORVI_LOGI(
       "conversation list parse, ret: %s, err_msg: %s, log_id: %s, has_more: %d, next_cursor: %s",
-      reply.ret.c_str(), reply.err_msg.c_str(), reply.log_id.c_str(),
-      reply.data.has_more ? 1 : 0, reply.data.next_cursor.c_str());
+      reply.ret.c_str(), reply.err_msg.c_str(), reply.log_id.c_str(), reply.data.has_more ? 1 : 0,
+      reply.data.next_cursor.c_str());
   for (const auto& info : reply.data.conversation_list) {
     page.conversations.emplace_back(info.local_conversation_id, info.conversation_id, info.name,
-                                    info.create_time, info.update_time, info.msg_count,
-                                    info.extra);
+                                    info.create_time, info.update_time, info.msg_count, info.extra);
   }
   page.has_more = reply.data.has_more;
   page.next_cursor = reply.data.next_cursor;

@@ -16,6 +16,8 @@
 
 namespace orvi {
 
+class AssistantMessageWrapper;
+
 // One section brought back from the server: its messages as wrappers, in
 // the server's order, and the system message that closed it, if any.
 struct RecoveredSection {
@@ -65,6 +67,7 @@ class MessageProcessor {
   static bool parseConversationBatchDeleteResp(const std::string& body);
 
  private:
+  static void _classifyMessage(AssistantMessageWrapper& message);
   static std::string _marshalRemoteMessage(const MessagePtr& message, idl::RemoteEventType event);
   static RecoveredSection _toRecoveredSection(const idl::RecoverSectionData& data);
   static MessagePtr _wrapRecoveredMessage(const idl::RecoverMessage& message);

@@ -32,8 +32,9 @@ class UserMessageWrapper : public MessageBase {
   // The uplink frame as it stands now (ids and public fields included).
   std::string marshal() const override;
   bool unmarshal(const std::string& text) override;
-  // As unmarshal, from JSON already parsed.
-  bool unmarshalJson(const idl::Json& json);
+  // As above, from JSON already parsed. A badly typed record throws the JSON
+  // library's exception, for the caller to log with the text it parsed.
+  bool unmarshal(const idl::Json& json);
 
   const std::shared_ptr<UserMessage>& message() const { return message_; }
   // The uplink frame as marshal writes it: the stored wire record with the
