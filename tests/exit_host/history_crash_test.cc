@@ -75,7 +75,6 @@ class CrashHost {
   bool started() const { return pid_ > 0; }
   bool ready() const { return ready_; }
   int lastFlushed() const { return last_flushed_; }
-  bool exited() const { return exited_; }
 
   // Reads what the child printed until `until` is true or `deadline` passes.
   template <typename Until>
@@ -132,7 +131,7 @@ class CrashHost {
 
 // One stored row of the conversation, as read back.
 struct Row {
-  std::string type, local_message_id, message_id, local_section_id;
+  std::string type, local_message_id, local_section_id;
   std::string text;  // the prompt, or the answer's text so far
   bool complete = false;
 };
@@ -144,9 +143,10 @@ struct Turn {
   std::vector<size_t> answer_rows;
 };
 
-// Reads the file back with sqlite3 alone and holds its checks. Each check
-// adds gtest failures; checks of what an interrupted turn must look like go
-// beside expectFlushedTurnsComplete.
+// Reads the file back with sqlite3 alone and holds its checks; each adds
+// gtest failures. What a turn cut by the kill must look like (how an
+// interrupted answer or an unacknowledged prompt is marked) is checked over
+// unflushedTurns().
 class HistoryFileCheck {
  public:
   // A kill before the host made the file, or its tables, leaves nothing to
@@ -206,6 +206,20 @@ class HistoryFileCheck {
     }
   }
 
+  // A turn the kill cut keeps what it had: its answer, if stored, is the
+  // beginning of the real one, never another turn's text.
+  void expectUnflushedTurnsConsistent(const std::map<int, int>& last_flushed) const {
+    for (const Turn* turn : unflushedTurns(last_flushed)) {
+      const std::string full =
+          "run " + std::to_string(turn->run) + " answer " + std::to_string(turn->number);
+      for (size_t answer : turn->answer_rows) {
+        const Row& row = rows_[answer];
+        EXPECT_EQ(full.compare(0, row.text.size(), row.text), 0) << row.text << " in " << full;
+        EXPECT_TRUE(!row.complete || row.text == full) << row.text;
+      }
+    }
+  }
+
   // Every turn up to the last one a flush returned for, with the whole
   // answer, complete.
   void expectFlushedTurnsComplete(const std::map<int, int>& last_flushed) const {
@@ -220,8 +234,6 @@ class HistoryFileCheck {
       }
     }
   }
-
-  size_t turnCount() const { return turns_.size(); }
 
  private:
   std::string queryText(const char* sql) const {
@@ -238,22 +250,21 @@ class HistoryFileCheck {
   void readRows() {
     sqlite3_stmt* statement = nullptr;
     ASSERT_EQ(sqlite3_prepare_v2(db_,
-                                 "SELECT type, local_message_id, message_id, local_section_id, "
-                                 "content FROM messages WHERE local_conversation_id = 'crash' "
-                                 "ORDER BY seq",
+                                 "SELECT type, local_message_id, local_section_id, content "
+                                 "FROM messages WHERE local_conversation_id = 'crash' ORDER BY seq",
                                  -1, &statement, nullptr),
               SQLITE_OK);
+    const auto text = [&](int column) {
+      const auto* value = sqlite3_column_text(statement, column);
+      return value ? std::string(reinterpret_cast<const char*>(value)) : std::string();
+    };
     std::map<std::string, size_t> turn_of_section;
     while (sqlite3_step(statement) == SQLITE_ROW) {
       Row row;
-      for (int column = 0; column < 4; ++column) {
-        const auto* text = sqlite3_column_text(statement, column);
-        std::string* field[] = {&row.type, &row.local_message_id, &row.message_id,
-                                &row.local_section_id};
-        *field[column] = text ? reinterpret_cast<const char*>(text) : "";
-      }
-      const auto* content = sqlite3_column_text(statement, 4);
-      readContent(content ? reinterpret_cast<const char*>(content) : "", row);
+      row.type = text(0);
+      row.local_message_id = text(1);
+      row.local_section_id = text(2);
+      readContent(text(3), row);
       rows_.push_back(row);
       Turn turn;
       if (row.type == "user" &&
@@ -285,6 +296,17 @@ class HistoryFileCheck {
       }
       row.complete = record && record->status == MessageStatus::Completed;
     }
+  }
+
+  // Turns after the last flushed one of their run (or of a run that never
+  // flushed): the ones a kill may have cut anywhere.
+  std::vector<const Turn*> unflushedTurns(const std::map<int, int>& last_flushed) const {
+    std::vector<const Turn*> out;
+    for (const Turn& turn : turns_) {
+      const auto flushed = last_flushed.find(turn.run);
+      if (flushed == last_flushed.end() || turn.number > flushed->second) out.push_back(&turn);
+    }
+    return out;
   }
 
   const Turn* find(int run, int number) const {
@@ -337,6 +359,7 @@ TEST(HistoryCrashTest, KilledHostsLeaveAnIntactFileWithEverythingFlushed) {
     check.expectNoDuplicates();
     check.expectOrderKept();
     check.expectFlushedTurnsComplete(last_flushed);
+    check.expectUnflushedTurnsConsistent(last_flushed);
     if (HasFailure()) return;
   }
   EXPECT_FALSE(last_flushed.empty());

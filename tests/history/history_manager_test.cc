@@ -39,7 +39,7 @@ std::shared_ptr<UserMessageWrapper> userMessage(const std::string& conversation,
 }
 
 MessagePtr assistantMessage(const std::string& conversation, const std::string& id,
-                            const std::string& text, const std::string& local_section = "ls") {
+                            const std::string& text) {
   const json content = {{"message_id", id},
                         {"role", "assistant"},
                         {"content", {{"payload", json({{"text", text}}).dump()}}},
@@ -47,7 +47,7 @@ MessagePtr assistantMessage(const std::string& conversation, const std::string& 
   return MessageProcessor::parse(json({{"conversation_id", "srv-" + conversation},
                                        {"local_conversation_id", conversation},
                                        {"section_id", "s"},
-                                       {"local_section_id", local_section},
+                                       {"local_section_id", "ls"},
                                        {"event", "message"},
                                        {"content", content.dump()}})
                                      .dump());
@@ -299,35 +299,6 @@ TEST_F(HistoryManagerTest, ConversationsAndMerging) {
   EXPECT_EQ(history.historyMessageLimited("lc1"), 7);
   history.deactivateConversation("lc1");
   EXPECT_EQ(history.historyMessageLimited("lc1"), 0);
-}
-
-TEST_F(HistoryManagerTest, UpdatesAndDeletionsReachOnlyTheMessageTheyName) {
-  HistoryManager history;
-  ASSERT_TRUE(history.init(dir_.path(), openDatabase(), 30, false));
-  auto prompt = userMessage("lc1", "first question");
-  history.recordMessage(prompt);
-  history.recordMessage(assistantMessage("lc1", "1", "first", "turn-1"));
-  history.recordMessage(assistantMessage("lc1", "1", "first, streamed", "turn-1"));  // again
-  // The server restarted and numbers its messages from 1 again.
-  history.recordMessage(assistantMessage("lc1", "1", "", "turn-2"));
-  history.updateMessage(assistantMessage("lc1", "1", "second, complete", "turn-2"));
-  // Refused: each would name no message, and a store would take it for all.
-  history.deleteMessage("lc1", "");
-  history.deleteMessageById("lc1", "1", "");
-  history.deleteConversation("");
-  ASSERT_TRUE(history.flush());
-  EXPECT_EQ(textsOf(history.getMessages("lc1")),
-            (std::vector<std::string>{"first question", "first, streamed", "second, complete"}));
-  EXPECT_TRUE(log_->has("remove message refused, local_conversation_id: lc1, local_message_id: "));
-  EXPECT_TRUE(
-      log_->has("remove message refused, local_conversation_id: lc1, message_id: 1, "
-                "local_section_id: "));
-  EXPECT_TRUE(log_->has("remove messages refused, local_conversation_id is empty"));
-
-  history.deleteMessageById("lc1", "1", "turn-1");
-  history.deleteMessage("lc1", prompt->message()->local_message_id);
-  ASSERT_TRUE(history.flush());
-  EXPECT_EQ(textsOf(history.getMessages("lc1")), std::vector<std::string>{"second, complete"});
 }
 
 TEST_F(HistoryManagerTest, LegacyImportSkipsOnlyTheBadEntriesAndDatesUndatedOnes) {

@@ -331,7 +331,7 @@ class Cacher::WriteGroup {
   bool full() const { return writes_ >= kMaxGroupWrites; }
 
   void run(const Task& task) {
-    if (isOpen() && (target_ != task.target || full())) close();
+    if (isOpen() && target_ != task.target) close();
     if (!isOpen()) open(task.target);
     ++writes_;
     if (!guardedCall("ioWorker task", [&] { return task.write(*task.target); })) {
