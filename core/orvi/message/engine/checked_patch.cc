@@ -118,11 +118,12 @@ void applyMove(Json& document, const Json& operation, const std::string& path,
                const Tokens& tokens) {
   const std::string& from = stringMember(operation, "move", "from");
   const Tokens from_tokens = pointerTokens(from);
-  Json value = existing(document, from_tokens, from);
+  const Json& source = existing(document, from_tokens, from);
   if (from_tokens == tokens) return;  // moving a value onto itself changes nothing
   if (isProperPrefix(from_tokens, tokens)) {
     refuse("move from " + quoted(from) + " into its own child " + quoted(path));
   }
+  Json value = source;
   // A move is a remove followed by an add, and the add is checked against
   // the document as the remove left it: removing an array element shifts
   // the ones after it.
