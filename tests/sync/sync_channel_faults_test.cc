@@ -101,11 +101,12 @@ TEST(SyncChannelFaultsTest, ASilentHostOrServerNeitherSpinsNorLosesRecords) {
     EXPECT_EQ(host.listener->events(), Strings{"failed q[0] q[1] q[2] reply[9]"});
   }
   {
-    SCOPED_TRACE("nothing left to send");
+    SCOPED_TRACE("nothing left to send but fragments kept for minutes");
     test::ScopedLogCapture log;
-    Host host(SyncChannelOptions(1, {}, {}, {}, {}, {}));
+    Host host(SyncChannelOptions(1, {}, {}, {}, 1, {}));
+    // "b" must not wait for the fragments of "a" to expire.
     for (const char* id : {"a", "b"}) {
-      host.channel->send(record(id, "x"));
+      host.channel->send(record(id, *id == 'a' ? std::string(3000, 'a') : "x"));
       ASSERT_TRUE(
           waitUntil([&] { return host.listener->count("sent " + std::string(id) + "[1]"); }));
     }

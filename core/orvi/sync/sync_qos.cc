@@ -190,7 +190,7 @@ void SyncQos::push(idl::SyncInfo record) {
   const bool gzip = Processor::wantsGzip(record);
   if (!gzip) Processor::dropUnusedCompression(record);
   if (const char* field = Processor::invalidField(record, !gzip)) {
-    refuse(record, field);
+    refuseInvalid(record, field);
     return;
   }
   bool accepted, wake = false;
@@ -217,7 +217,7 @@ void SyncQos::push(idl::SyncInfo record) {
   }
 }
 
-void SyncQos::refuse(const idl::SyncInfo& record, const char* field) {
+void SyncQos::refuseInvalid(const idl::SyncInfo& record, const char* field) {
   // An id that is not UTF-8 is not printed either.
   const bool id_ok = std::strcmp(field, "id") != 0;
   ORVI_LOGE("SyncQos push refused, %s is not valid UTF-8, id: %s, index: %lld", field,
@@ -282,17 +282,18 @@ bool SyncQos::waitForRound(const std::weak_ptr<SyncQos>& weak) {
     if (weak.expired() || stop_) break;
     if (wake_ || stashFull()) break;
     const std::optional<int64_t> due = nextRoundMs(tick);
-    if (!due) {
-      sender_idle_ = true;
-      cv_.wait(lock);
-      sender_idle_ = false;
-      // Whatever woke us starts a fresh interval.
-      tick = clock_() + send_interval_ms_;
-      continue;
-    }
     const int64_t now = clock_();
-    if (now >= *due) break;
-    cv_.wait_for(lock, std::chrono::milliseconds(*due - now));
+    if (due && now >= *due) break;
+    // With nothing to send, the next push wakes us (see push) to start an
+    // interval for it; otherwise it could wait for a far upload or expiry.
+    sender_idle_ = queue_.empty() && failed_frames_.empty();
+    if (due) {
+      cv_.wait_for(lock, std::chrono::milliseconds(*due - now));
+    } else {
+      cv_.wait(lock);
+    }
+    if (sender_idle_ && !queue_.empty()) tick = clock_() + send_interval_ms_;
+    sender_idle_ = false;
   }
   // Cleared before the round, so a flush that arrives during it asks for
   // one more round instead of being lost.
@@ -351,13 +352,6 @@ void SyncQos::notify(SyncChannelListener& listener, bool success, const SentResu
 
 void SyncQos::notify(bool success, const SentResults& results) {
   if (auto listener = this->listener()) notify(*listener, success, results);
-}
-
-void SyncQos::notify(const std::vector<Outcome>& outcomes) {
-  if (outcomes.empty()) return;
-  auto listener = this->listener();
-  if (!listener) return;
-  for (const auto& outcome : outcomes) notify(*listener, outcome.success, outcome.results);
 }
 
 void SyncQos::sendImpl() {
@@ -420,7 +414,7 @@ void SyncQos::prepareBatch(int64_t budget) {
         queue_.pushReady(std::move(taken.record), taken.cost);
       }
     }
-    if (invalid) refuse(taken.record, invalid);
+    if (invalid) refuseInvalid(taken.record, invalid);
   }
 }
 
@@ -510,7 +504,6 @@ bool SyncQos::tryReSend(Links& links) {
       frame = std::move(failed_frames_.front());
       failed_frames_.pop_front();
     }
-    const std::string described = Processor::describe(frame.results);
     const bool lazy = frame.text.empty();
     if (lazy) frame.text = Processor::marshalFragment(*frame.fragment.record, frame.fragment.slice);
     if (!frame.offered) {
@@ -521,6 +514,7 @@ bool SyncQos::tryReSend(Links& links) {
       }
       continue;
     }
+    const std::string described = Processor::describe(frame.results);
     ++frame.retry_count;
     if (sendText(links.transport, frame.text)) {
       ORVI_LOGI("Retry send message again success, retry count: %d, : %s", frame.retry_count,

@@ -133,11 +133,6 @@ class SyncQos : public RefContained {
     int64_t next_retry_ms = 0;
   };
 
-  struct Outcome {
-    bool success;
-    SentResults results;
-  };
-
   // The host objects of one round.
   struct Links {
     Transport& transport;
@@ -187,12 +182,12 @@ class SyncQos : public RefContained {
   bool eraseUpload(const idl::SyncInfo* record);  // mutex_ held
   void expireFragments();
   void reportDropped(const std::vector<SyncFragmentStore::Dropped>& dropped);
-  void refuse(const idl::SyncInfo& record, const char* reason);
+  // An error line and a report for a record whose `field` is not UTF-8.
+  void refuseInvalid(const idl::SyncInfo& record, const char* field);
 
   std::shared_ptr<Transport> transport() const;
   std::shared_ptr<SyncChannelListener> listener() const;
   std::shared_ptr<IFileUploader> uploader() const;
-  void notify(const std::vector<Outcome>& outcomes);
   void notify(bool success, const SentResults& results);
   static void notify(SyncChannelListener& listener, bool success, const SentResults& results);
   static bool sendText(Transport& transport, const std::string& text);
@@ -215,7 +210,7 @@ class SyncQos : public RefContained {
   bool started_ = false;
   bool stop_ = false;
   bool wake_ = false;           // flush asked for a round
-  bool sender_idle_ = false;    // the sender sleeps with no deadline
+  bool sender_idle_ = false;    // the sender sleeps with nothing to send
   bool round_running_ = false;  // a round runs on some thread
   bool round_again_ = false;    // ... and must run once more
   bool links_missing_ = false;  // the last round found no transport or listener
