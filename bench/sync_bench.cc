@@ -143,14 +143,14 @@ double drainSeconds(int64_t count) {
   return secondsSince(start);
 }
 
-// The best of three drains of each size; the first, untimed, warms the heap.
+// The best of five drains of each size; the first, untimed, warms the heap.
 void BM_SyncBacklogDrain(benchmark::State& state) {
   quiet();
   double small = 0, large = 0;
   for (auto _ : state) {
     drainSeconds(50000);
     small = large = 1e9;
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 5; ++i) {
       small = std::min(small, drainSeconds(50000));
       large = std::min(large, drainSeconds(400000));
     }
