@@ -90,15 +90,9 @@ bool UserMessageWrapper::unmarshal(const std::string& text) {
 }
 
 bool UserMessageWrapper::unmarshalJson(const idl::Json& json) {
-  try {
-    if (adoptUplink(json.get<idl::UplinkMessage>())) return true;
-    ORVI_LOGE("messages is empty");
-    return false;
-  } catch (const std::exception& e) {
-    const std::string text = json.dump(-1, ' ', false, idl::Json::error_handler_t::replace);
-    ORVI_LOG_JSON_ERROR(e, text);
-    return false;
-  }
+  if (adoptUplink(json.get<idl::UplinkMessage>())) return true;
+  ORVI_LOGE("messages is empty");
+  return false;
 }
 
 // Rebuilds the public record from a stored or recovered frame; false when
