@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 
 #include "orvi/sync/sync_gzip_encoder.h"
@@ -136,6 +137,7 @@ template <typename T>
 std::optional<T> optionalMember(const nlohmann::json& j, const char* key) {
   const auto it = j.find(key);
   if (it == j.end() || it->is_null()) return std::nullopt;
+  if constexpr (std::is_integral<T>::value) return checkedInteger<T>(*it);
   return it->get<T>();
 }
 
@@ -311,8 +313,8 @@ std::optional<SyncDownlinkMessage> SyncMessageProcessor::parseDownlink(const std
     message.index = optionalMember<int64_t>(j, "index");
     message.query = optionalMember<std::string>(j, "query");
     if (const auto fragment = optionalMember<nlohmann::json>(j, "fragment")) {
-      message.fragment =
-          SyncFragment(fragment->at("total").get<int32_t>(), fragment->at("index").get<int32_t>());
+      message.fragment = SyncFragment(checkedInteger<int32_t>(fragment->at("total")),
+                                      checkedInteger<int32_t>(fragment->at("index")));
     }
     return message;
   } catch (const std::exception& e) {

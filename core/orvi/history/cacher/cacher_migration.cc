@@ -3,6 +3,7 @@
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -31,7 +32,12 @@ std::string pathIn(const std::string& directory, const std::string& file) {
 template <typename T>
 void readMember(const Json& object, const char* key, T& out) {
   const auto it = object.find(key);
-  if (it != object.end()) it->get_to(out);
+  if (it == object.end()) return;
+  if constexpr (std::is_integral<T>::value) {
+    out = checkedInteger<T>(*it);
+  } else {
+    it->get_to(out);
+  }
 }
 
 // One entry of the index; a value of the wrong type throws the JSON
@@ -49,9 +55,11 @@ ConversationInfo conversationFromLegacy(const Json& entry, int64_t now) {
   readMember(entry, "name", info.name);
   info.create_time = now;
   readMember(entry, "create_time", info.create_time);
-  if (entry.contains("update_time")) info.update_time = entry.at("update_time").get<int64_t>();
+  if (entry.contains("update_time")) {
+    info.update_time = checkedInteger<int64_t>(entry.at("update_time"));
+  }
   if (entry.contains("message_count")) {
-    info.message_count = entry.at("message_count").get<int32_t>();
+    info.message_count = checkedInteger<int32_t>(entry.at("message_count"));
   }
   const auto extra = entry.find("extra");
   if (extra != entry.end()) {
