@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "orvi/utils/gzip_deflate.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
@@ -53,28 +54,9 @@ int SyncGzipEncoder::compress(std::string& data) {
     return -3;
   }
 
-  const uLong bound = deflateBound(&z, static_cast<uLong>(data.size()));
-  std::string output(bound, '\0');
-  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  z.avail_in = static_cast<uInt>(data.size());
-  z.next_out = reinterpret_cast<Bytef*>(&output[0]);
-  z.avail_out = static_cast<uInt>(bound);
-
-  const int ret = deflate(&z, Z_FINISH);
-  if (ret != Z_STREAM_END) {
-    ORVI_LOGE("deflate failed, ret: %d", ret);
-    stream_.reset();
-    return -4;
-  }
-  output.resize(bound - z.avail_out);
-
-  const size_t original = data.size();
-  const float ratio = (static_cast<float>(original) - static_cast<float>(output.size())) * 100.0f /
-                      static_cast<float>(original);
-  ORVI_LOGI("tryCompress gzip, original: %zu, compressed: %zu, compress ratio: %.2f%%", original,
-            output.size(), static_cast<double>(ratio));
-  data.swap(output);
-  return static_cast<int>(data.size());
+  const int result = utils::deflateWhole(z, data);
+  if (result < 0) stream_.reset();
+  return result;
 }
 
 }  // namespace orvi

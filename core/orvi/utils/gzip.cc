@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "orvi/utils/gzip_deflate.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
@@ -38,6 +39,12 @@ int compressEx(std::string& data) {
     return -3;
   }
 
+  const int result = deflateWhole(stream, data);
+  deflateEnd(&stream);
+  return result;
+}
+
+int deflateWhole(z_stream& stream, std::string& data) {
   const uLong bound = deflateBound(&stream, static_cast<uLong>(data.size()));
   std::string output(bound, '\0');
   stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
@@ -48,11 +55,9 @@ int compressEx(std::string& data) {
   const int ret = deflate(&stream, Z_FINISH);
   if (ret != Z_STREAM_END) {
     ORVI_LOGE("deflate failed, ret: %d", ret);
-    deflateEnd(&stream);
     return -4;
   }
   output.resize(bound - stream.avail_out);
-  deflateEnd(&stream);
 
   const size_t original = data.size();
   const float ratio = (static_cast<float>(original) - static_cast<float>(output.size())) * 100.0f /
