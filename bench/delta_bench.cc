@@ -1,9 +1,13 @@
 // Streaming an assistant answer: one message followed by 2,000 "append"
-// deltas of 4 to 16 bytes to one text field, over a small payload and over a
-// payload that starts at 100 KB; and one delta that mixes "append" and
-// "replace". The floor, measured in the same run, is what the payload handed
-// to the host costs at least: one compact dump of the final document per
-// delta. Times are per delta (items = deltas).
+// deltas of 4 to 16 bytes to one text field, over a small payload and over
+// payloads that start at 100 KB and 1 MB; the same stream appending to a
+// field that sits before the large one; and one delta that mixes "append"
+// and "replace". Times are per delta (items = deltas).
+//
+// Two floors are measured in the same run over the final document of the
+// stream: one copy of the payload string (what handing the host a complete
+// payload costs at least, per delta) and one compact dump of the document
+// (what serialising the whole document again would cost, per delta).
 #include <benchmark/benchmark.h>
 
 #include <random>
@@ -33,17 +37,18 @@ std::string downlink(const std::string& event, const json& content) {
       .dump();
 }
 
+// Keys print sorted: "cards" comes before "text" in the payload text.
 json initialDocument(size_t prefill) {
   return {{"text", std::string(prefill, 'p')}, {"cards", json::array({{{"title", "t"}}})}};
 }
 
-std::vector<orvi::MessagePtr> appendDeltas() {
+std::vector<orvi::MessagePtr> appendDeltas(const std::string& path) {
   std::mt19937 engine(42);
   std::uniform_int_distribution<int> length(4, 16);
   std::vector<orvi::MessagePtr> deltas;
   for (int i = 0; i < kDeltas; ++i) {
     const json operations = json::array(
-        {{{"op", "append"}, {"path", "/text"}, {"value", std::string(length(engine), 'a' + i % 26)}}});
+        {{{"op", "append"}, {"path", path}, {"value", std::string(length(engine), 'a' + i % 26)}}});
     deltas.push_back(orvi::MessageProcessor::parse(
         downlink("delta", {{"message_id", "m1"}, {"json_patch", operations.dump()}})));
   }
@@ -51,15 +56,22 @@ std::vector<orvi::MessagePtr> appendDeltas() {
 }
 
 orvi::MessagePtr assistant(size_t prefill) {
-  return orvi::MessageProcessor::parse(downlink(
-      "message",
-      {{"message_id", "m1"}, {"role", "assistant"}, {"content", {{"payload", initialDocument(prefill).dump()}}}}));
+  return orvi::MessageProcessor::parse(
+      downlink("message", {{"message_id", "m1"},
+                           {"role", "assistant"},
+                           {"content", {{"payload", initialDocument(prefill).dump()}}}}));
 }
 
-void BM_DeltaStream(benchmark::State& state) {
+const std::string& payloadOf(const orvi::MessagePtr& message) {
+  return std::static_pointer_cast<orvi::AssistantMessageWrapper>(message)
+      ->message()
+      ->content->content;
+}
+
+void runStream(benchmark::State& state, const std::string& path) {
   orvi::ILogger::setLogLevel(orvi::LogLevel::Error);
   const size_t prefill = static_cast<size_t>(state.range(0));
-  const auto deltas = appendDeltas();
+  const auto deltas = appendDeltas(path);
   for (auto _ : state) {
     state.PauseTiming();
     orvi::MessageEngine engine("lc");
@@ -70,15 +82,42 @@ void BM_DeltaStream(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kDeltas);
 }
 
-// Floor: dump the final document of the same stream once per delta.
-void BM_DeltaStreamFloorDump(benchmark::State& state) {
-  orvi::ILogger::setLogLevel(orvi::LogLevel::Error);
-  const size_t prefill = static_cast<size_t>(state.range(0));
+void BM_DeltaStream(benchmark::State& state) {
+  runStream(state, "/text");
+}
+
+// The target string sits before the large one, so each delta also moves the
+// text that follows it.
+void BM_DeltaStreamHeadTarget(benchmark::State& state) {
+  runStream(state, "/cards/0/title");
+}
+
+// The payload at the end of the stream.
+std::string finalPayload(size_t prefill) {
   orvi::MessageEngine engine("lc");
   auto message = engine.enqueue(assistant(prefill));
-  for (const auto& delta : appendDeltas()) engine.enqueue(delta);
-  const json final_document = json::parse(
-      std::static_pointer_cast<orvi::AssistantMessageWrapper>(message)->message()->content->content);
+  for (const auto& delta : appendDeltas("/text")) engine.enqueue(delta);
+  return payloadOf(message);
+}
+
+// Floor: one copy of the final payload per delta.
+void BM_DeltaStreamFloorCopy(benchmark::State& state) {
+  orvi::ILogger::setLogLevel(orvi::LogLevel::Error);
+  const std::string payload = finalPayload(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    for (int i = 0; i < kDeltas; ++i) {
+      std::string copy = payload;
+      benchmark::DoNotOptimize(copy.data());
+      benchmark::ClobberMemory();
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kDeltas);
+}
+
+// One compact dump of the final document per delta.
+void BM_DeltaStreamFloorDump(benchmark::State& state) {
+  orvi::ILogger::setLogLevel(orvi::LogLevel::Error);
+  const json final_document = json::parse(finalPayload(static_cast<size_t>(state.range(0))));
   for (auto _ : state) {
     for (int i = 0; i < kDeltas; ++i) benchmark::DoNotOptimize(final_document.dump());
   }
@@ -89,9 +128,9 @@ void BM_DeltaStreamFloorDump(benchmark::State& state) {
 // one iteration to the next.
 void BM_MixedDelta(benchmark::State& state) {
   orvi::ILogger::setLogLevel(orvi::LogLevel::Error);
-  const json operations = json::parse(
-      R"([{"op":"replace","path":"/cards/0/title","value":"new title"},)"
-      R"({"op":"append","path":"/cards/0/title","value":" and more"}])");
+  const json operations =
+      json::parse(R"([{"op":"replace","path":"/cards/0/title","value":"new title"},)"
+                  R"({"op":"append","path":"/cards/0/title","value":" and more"}])");
   const auto delta = orvi::MessageProcessor::parse(
       downlink("delta", {{"message_id", "m1"}, {"json_patch", operations.dump()}}));
   orvi::MessageEngine engine("lc");
@@ -108,7 +147,17 @@ void BM_MixedDeltaFloorDump(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_DeltaStream)->Arg(0)->Arg(100 << 10)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_DeltaStreamFloorDump)->Arg(0)->Arg(100 << 10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DeltaStream)->Arg(0)->Arg(100 << 10)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DeltaStreamHeadTarget)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DeltaStreamFloorCopy)
+    ->Arg(0)
+    ->Arg(100 << 10)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DeltaStreamFloorDump)
+    ->Arg(0)
+    ->Arg(100 << 10)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MixedDelta)->Arg(1 << 10)->Arg(100 << 10);
 BENCHMARK(BM_MixedDeltaFloorDump)->Arg(1 << 10)->Arg(100 << 10);

@@ -4,7 +4,7 @@
 // service answers on its own thread, the way a network would: it
 // acknowledges the prompt, streams an answer as deltas (some of them
 // gzip-compressed) and completes the section. The host prints what its
-// listener sees.
+// listener sees, and flushes the history before it exits.
 #include <orvi/orvi.h>
 #include <orvi/sqlite/sqlite_executor.h>
 
@@ -183,5 +183,9 @@ int main() {
     std::cout << "detail   | conversation id " << conversation->getDetail().conversation_id << '\n';
   }
   std::cout << (completed ? "conversation complete\n" : "example host: no completion\n");
-  return completed ? 0 : 1;
+  // History is written on the library's own thread; what is still queued
+  // when the process ends is dropped, so wait for it before leaving.
+  const bool saved = hub->flush(5000);
+  std::cout << (saved ? "history saved\n" : "example host: history not saved\n");
+  return completed && saved ? 0 : 1;
 }

@@ -1,23 +1,23 @@
-// Feeds arbitrary bytes to the frame parser. Whatever parses must store and
-// parse back to a message of the same kind that writes the same frame.
+// Feeds arbitrary bytes to the frame parser, as a live frame and as a stored
+// one. Whatever parses must store and parse back to a message of the same
+// kind that writes the same frame.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
-#include "orvi/logger.h"
+#include "fuzz_support.h"
 #include "orvi/message/processor/message_processor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    orvi::ILogger::setLogLevel(static_cast<orvi::LogLevel>(4));
-    return true;
-  }();
-  (void)quiet;
+  orvi::fuzz::quietLogs();
+  const std::string text = orvi::fuzz::asText(data, size);
 
-  const std::string text(reinterpret_cast<const char*>(data), size);
-  const orvi::MessagePtr message = orvi::MessageProcessor::parse(text);
+  // A cap below the frame's length refuses it whatever it holds.
+  if (!text.empty() && orvi::MessageProcessor::parse(text, text.size() - 1)) std::abort();
   orvi::MessageProcessor::isMatchAssistantMessage(text, "a1");
+  const orvi::MessagePtr message =
+      orvi::MessageProcessor::parse(text, orvi::kDefaultMaxDownlinkFrameBytes);
   if (!message) return 0;
 
   const orvi::MessageRecord record = orvi::MessageProcessor::message2Record(message);

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Builds Orvi and runs its tests three times: a plain build, then with
 # AddressSanitizer and UndefinedBehaviorSanitizer, then with ThreadSanitizer.
+# The sanitizer build also leaves assertions on (no NDEBUG), in Orvi and in
+# the header-only dependencies compiled into it, so that an assert inside
+# one cannot hide behind a release build.
 # Missing Debian packages are installed first (as root). Usage:
 #   bash scripts/test.sh            all three builds
 #   bash scripts/test.sh --quick    the plain build only
@@ -26,7 +29,10 @@ run_variant() {
 for variant in "${variants[@]}"; do
   case $variant in
     plain) run_variant plain -DORVI_BUILD_BENCHMARKS=ON -DORVI_SANITIZE= ;;
-    asan) run_variant asan -DORVI_SANITIZE=address,undefined -DORVI_BUILD_EXAMPLES=OFF ;;
+    asan)
+      run_variant asan -DORVI_SANITIZE=address,undefined -DORVI_BUILD_EXAMPLES=OFF \
+        -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
+      ;;
     tsan)
       # ThreadSanitizer's shadow memory needs the classic address layout on
       # kernels with high mmap randomisation.

@@ -1,5 +1,9 @@
 #include "terminal.h"
 
+#include "printable.h"
+
+#include <string_view>
+
 namespace orvi_chat {
 namespace {
 
@@ -15,26 +19,29 @@ std::string padded(const std::string& tag) {
 void Terminal::line(const std::string& tag, const std::string& text) {
   std::lock_guard<std::mutex> lock(mutex_);
   endOpenLineLocked();
-  out_ << padded(tag) << text << '\n' << std::flush;
+  out_ << padded(tag) << printableText(text) << '\n' << std::flush;
 }
 
 void Terminal::diagnostic(const std::string& text) {
   std::lock_guard<std::mutex> lock(mutex_);
   endOpenLineLocked();
-  err_ << text << '\n' << std::flush;
+  err_ << printableText(text) << '\n' << std::flush;
 }
 
-void Terminal::stream(const std::string& message_id, const std::string& text, bool complete) {
+void Terminal::stream(const std::string& message_id, const std::string& whole_text, bool complete) {
+  // A character cut at the end of an unfinished answer waits for its rest.
+  const std::string_view text(whole_text.data(),
+                              complete ? whole_text.size() : completePrefixLength(whole_text));
   std::lock_guard<std::mutex> lock(mutex_);
   std::string& shown = shown_[message_id];
   const bool appended = text.compare(0, shown.size(), shown) == 0;
   if (open_id_ == message_id && appended) {
-    out_ << text.substr(shown.size());
+    out_ << printableText(text.substr(shown.size()));
   } else {
     // A new answer, one interrupted by another line, or a rewrite that is
     // not an append: start over on a line of its own.
     endOpenLineLocked();
-    out_ << padded(kAnswerTag) << text;
+    out_ << padded(kAnswerTag) << printableText(text);
     open_id_ = message_id;
   }
   shown = text;

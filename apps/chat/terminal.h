@@ -7,6 +7,8 @@
 // answer completes. Any other line printed meanwhile first ends the open
 // stream line; a later update of that answer starts a fresh line with the
 // whole text so far, so the reader never sees a fragment without context.
+// Every text is shown through printableText: no control sequence from the
+// server or a log line reaches the terminal.
 //
 // Thread-safe; never calls out while holding its lock.
 #pragma once

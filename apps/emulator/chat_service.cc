@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "codec.h"
+#include "inbound_json.h"
 
 namespace orvi {
 namespace emulator {
@@ -21,6 +22,9 @@ const char kStory[] =
     "Every time, the server remembered the whole story and told it once more, to the last word.";
 const char kToolFiller[] = "That is all I know about it.";
 const size_t kNameBytes = 40;
+// An answer quotes this much of a prompt or tool output at most: one word
+// per delta, a 16 MiB prompt would otherwise stream for days.
+const size_t kQuotedBytes = 4096;
 
 std::string stringMember(const Json& object, const char* key) {
   const auto it = object.find(key);
@@ -51,12 +55,17 @@ std::string promptOf(const Json& message) {
                                                           : std::string();
 }
 
-// A conversation's name: its first prompt, cut to a UTF-8 character boundary.
+// The first `bytes` bytes of `text`, cut back to a UTF-8 character boundary.
+std::string cutUtf8(const std::string& text, size_t bytes) {
+  if (text.size() <= bytes) return text;
+  size_t cut = bytes;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  return text.substr(0, cut);
+}
+
+// A conversation's name: its first prompt, cut to 40 bytes.
 std::string nameOf(const std::string& prompt) {
-  if (prompt.size() <= kNameBytes) return prompt;
-  size_t cut = kNameBytes;
-  while (cut > 0 && (static_cast<unsigned char>(prompt[cut]) & 0xC0) == 0x80) --cut;
-  return prompt.substr(0, cut);
+  return cutUtf8(prompt, kNameBytes);
 }
 
 // The texts a tool returned, or null when the message carries no tool result.
@@ -96,19 +105,22 @@ ChatService::ChatService(ServiceHost& host, FaultSwitches& faults, Store& store,
 
 std::string ChatService::answerFor(const std::string& prompt) {
   const bool story = prompt.find("story") != std::string::npos;
-  return joinWords(splitWords("You said: " + prompt + ". " + (story ? kStory : kFiller)));
+  return joinWords(
+      splitWords("You said: " + cutUtf8(prompt, kQuotedBytes) + ". " + (story ? kStory : kFiller)));
 }
 
 std::string ChatService::toolAnswerFor(const std::string& tool_output) {
-  return joinWords(splitWords("The tool says: " + tool_output + ". " + kToolFiller));
+  return joinWords(
+      splitWords("The tool says: " + cutUtf8(tool_output, kQuotedBytes) + ". " + kToolFiller));
 }
 
 void ChatService::onText(SessionId session, const std::string& text) {
-  const Json uplink = Json::parse(text, nullptr, false);
+  std::string why = "no message in it";
+  const Json uplink = parseInbound(text, &why);
   const auto messages = uplink.is_object() ? uplink.find("messages") : uplink.end();
   if (!uplink.is_object() || messages == uplink.end() || !messages->is_array() ||
       messages->empty() || !messages->front().is_object()) {
-    log("chat: ignored a frame that is not a user message: " + text.substr(0, 200));
+    log("chat: ignored a frame that is not a user message (" + why + "): " + text.substr(0, 200));
     return;
   }
   const Json& message = messages->front();

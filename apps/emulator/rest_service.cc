@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "inbound_json.h"
+
 namespace orvi {
 namespace emulator {
 namespace {
@@ -99,7 +101,7 @@ RestReply RestService::handle(const std::string& path, const std::string& body) 
 
 std::string RestService::recoverSection(const std::string& body) {
   const std::string log_id = nextLogId();
-  const Json request = Json::parse(body, nullptr, false);
+  const Json request = parseInbound(body);
   if (!request.is_object()) return head("errmsg", "400", "bad request body", log_id).dump();
   Conversation* conversation = store_.find(stringMember(request, "conversation_id"));
   if (conversation == nullptr || conversation->sections.empty()) {
@@ -117,7 +119,7 @@ std::string RestService::recoverSection(const std::string& body) {
 
 std::string RestService::recoverSections(const std::string& body) {
   const std::string log_id = nextLogId();
-  const Json request = Json::parse(body, nullptr, false);
+  const Json request = parseInbound(body);
   if (!request.is_object()) return head("errmsg", "400", "bad request body", log_id).dump();
   Conversation* conversation = store_.find(stringMember(request, "conversation_id"));
   if (conversation == nullptr) return head("errmsg", "404", "unknown conversation", log_id).dump();
@@ -146,7 +148,7 @@ std::string RestService::recoverSections(const std::string& body) {
 
 std::string RestService::conversationList(const std::string& body) {
   const std::string log_id = nextLogId();
-  const Json request = Json::parse(body, nullptr, false);
+  const Json request = parseInbound(body);
   if (!request.is_object()) return head("err_msg", "400", "bad request body", log_id).dump();
   // The cursor is the offset of the page in the requested order.
   std::vector<const Conversation*> ordered;
@@ -177,7 +179,7 @@ std::string RestService::conversationList(const std::string& body) {
 
 std::string RestService::deleteMessages(const std::string& body) {
   const std::string log_id = nextLogId();
-  const Json request = Json::parse(body, nullptr, false);
+  const Json request = parseInbound(body);
   const auto ids = request.is_object() ? request.find("message_ids") : request.end();
   if (!request.is_object() || ids == request.end() || !ids->is_array()) {
     return head("err_msg", "400", "bad request body", log_id).dump();
@@ -201,7 +203,7 @@ std::string RestService::deleteMessages(const std::string& body) {
 
 std::string RestService::deleteConversations(const std::string& body) {
   const std::string log_id = nextLogId();
-  const Json request = Json::parse(body, nullptr, false);
+  const Json request = parseInbound(body);
   const auto ids = request.is_object() ? request.find("conversation_ids") : request.end();
   if (!request.is_object() || ids == request.end() || !ids->is_array()) {
     return head("err_msg", "400", "bad request body", log_id).dump();

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <deque>
 #include <map>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -34,6 +35,12 @@ using tcp = asio::ip::tcp;
 using ErrorCode = boost::system::error_code;
 
 enum class Channel { Chat, Sync };
+
+// The most a client may send at once: a WebSocket message (the library's
+// own default cap on frames), and a REST body (the library's requests are a
+// few hundred bytes). Longer ones end the connection.
+constexpr uint64_t kMaxWsMessageBytes = 16u << 20;
+constexpr uint64_t kMaxRestBodyBytes = 1u << 20;
 
 std::string pathOf(beast::string_view target) {
   const auto query = target.find('?');
@@ -84,10 +91,8 @@ class Server : public ServiceHost {
     ws_sessions_[id] = session;
   }
   void onWsText(SessionId id, Channel channel, const std::string& text);
-  void onWsClosed(SessionId id, Channel channel);
-  RestReply rest(const std::string& path, const std::string& body) {
-    return rest_.handle(path, body);
-  }
+  void onWsClosed(SessionId id, Channel channel, const std::string& why);
+  RestReply rest(const std::string& path, const std::string& body);
   Faults faults() const { return faults_.get(); }
   bool stopping() const { return stopping_; }
   void log(const std::string& line) const {
@@ -128,6 +133,7 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
   void start(http::request<http::string_body> request) {
     ws_.set_option(websocket::stream_base::timeout{std::chrono::seconds(30),
                                                    websocket::stream_base::none(), false});
+    ws_.read_message_max(kMaxWsMessageBytes);
     ws_.async_accept(request, [self = shared_from_this()](ErrorCode ec) {
       if (ec) return self->impl_.log("ws: handshake failed: " + ec.message());
       self->impl_.addWs(self->id_, self);
@@ -169,7 +175,7 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
     ws_.async_read(buffer_, [self = shared_from_this()](ErrorCode ec, size_t) {
       if (ec) {
         self->closed_ = true;
-        return self->impl_.onWsClosed(self->id_, self->channel_);
+        return self->impl_.onWsClosed(self->id_, self->channel_, ec.message());
       }
       const std::string text = beast::buffers_to_string(self->buffer_.data());
       self->buffer_.consume(self->buffer_.size());
@@ -231,10 +237,15 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 
  private:
   void read() {
-    request_ = {};
+    parser_.emplace();
+    parser_->body_limit(kMaxRestBodyBytes);
     stream_.expires_after(std::chrono::seconds(60));
-    http::async_read(stream_, buffer_, request_, [self = shared_from_this()](ErrorCode ec, size_t) {
-      if (ec) return self->end();
+    http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](ErrorCode ec, size_t) {
+      if (ec) {
+        if (ec != http::error::end_of_stream) self->impl_.log("http: read failed: " + ec.message());
+        return self->end();
+      }
+      self->request_ = self->parser_->release();
       self->handle();
     });
   }
@@ -293,6 +304,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   const SessionId id_;
   beast::tcp_stream stream_;
   beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;  // one per request
   http::request<http::string_body> request_;
   http::response<http::string_body> response_;
   std::string raw_;
@@ -313,9 +325,11 @@ bool Server::start(std::string* error) {
   if (!ec) acceptor_.bind(endpoint, ec);
   if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
   if (ec) {
+    // The reason is taken before close() reuses the error code.
+    const std::string why = ec.message();
     acceptor_.close(ec);
     return fail("cannot listen on " + options_.host + ":" + std::to_string(options_.port) + ": " +
-                ec.message());
+                why);
   }
   port_ = acceptor_.local_endpoint().port();
   started_ = true;
@@ -376,17 +390,32 @@ void Server::schedule(int32_t delay_ms, std::function<void()> task) {
 
 void Server::onWsText(SessionId id, Channel channel, const std::string& text) {
   if (stopping_) return;
-  log(std::string(channel == Channel::Chat ? "chat" : "sync") + " <- " + text.substr(0, 300));
-  if (channel == Channel::Chat) {
-    chat_.onText(id, text);
-  } else {
-    sync_.onText(id, text);
+  const char* name = channel == Channel::Chat ? "chat" : "sync";
+  log(std::string(name) + " <- " + text.substr(0, 300));
+  // Whatever a client sends, the I/O thread goes on serving the others.
+  try {
+    if (channel == Channel::Chat) {
+      chat_.onText(id, text);
+    } else {
+      sync_.onText(id, text);
+    }
+  } catch (const std::exception& e) {
+    log(std::string(name) + ": dropped a frame: " + e.what());
   }
 }
 
-void Server::onWsClosed(SessionId id, Channel channel) {
+RestReply Server::rest(const std::string& path, const std::string& body) {
+  try {
+    return rest_.handle(path, body);
+  } catch (const std::exception& e) {
+    log("http: " + path + " failed: " + e.what());
+    return {500, "{\"ret\":\"500\",\"err_msg\":\"internal error\"}"};
+  }
+}
+
+void Server::onWsClosed(SessionId id, Channel channel, const std::string& why) {
   if (stopping_) return;
-  log("ws: session " + std::to_string(id) + " closed");
+  log("ws: session " + std::to_string(id) + " closed: " + why);
   ws_sessions_.erase(id);
   if (channel == Channel::Chat) chat_.onClosed(id);
 }

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "inbound_json.h"
+
 namespace orvi {
 namespace emulator {
 namespace {
@@ -26,10 +28,11 @@ bool member(const Json& object, const char* key, T* value) {
 }  // namespace
 
 void SyncService::onText(SessionId session, const std::string& text) {
-  const Json envelope = Json::parse(text, nullptr, false);
+  std::string why = "no \"sync_infos\" list";
+  const Json envelope = parseInbound(text, &why);
   const auto infos = envelope.is_object() ? envelope.find("sync_infos") : envelope.end();
   if (!envelope.is_object() || infos == envelope.end() || !infos->is_array()) {
-    log("sync: ignored a frame that is not an envelope: " + text.substr(0, 200));
+    log("sync: ignored a frame that is not an envelope (" + why + "): " + text.substr(0, 200));
     return;
   }
   for (const auto& info : *infos) {

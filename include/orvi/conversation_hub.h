@@ -58,6 +58,14 @@ class ORVI_EXPORT ConversationHub {
   virtual void listen(std::shared_ptr<ConversationHubListener> listener) = 0;
   // The hub's own channel, used for listing and removing conversations.
   virtual std::shared_ptr<ITransport> connect(std::shared_ptr<ITransportSender> sender) = 0;
+
+  // Waits until every local-history write queued before the call has
+  // reached the store (the ISqlExecutor given to config), for at most
+  // `timeout_ms` (0 or less: no wait). True when all of them were written
+  // and the store reported no failure; false on time-out, after a failed or
+  // throwing write, or when config has not succeeded. History writes still
+  // queued when the process ends are dropped: call it before exit.
+  virtual bool flush(int64_t timeout_ms) = 0;
 };
 
 }  // namespace orvi

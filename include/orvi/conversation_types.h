@@ -26,6 +26,10 @@ struct ConversationOptions {
   std::optional<bool> enable_resend;                               // true
   std::optional<int32_t> uplink_message_ack_timeout_ms;            // 5000
   std::optional<int32_t> max_resend_uplink_message_count;          // -1: never resend
+  // The longest frame the conversation accepts from the server, and the
+  // most its compressed content may inflate to; longer ones are refused
+  // with an error line. 16 MiB; 0 or less: the default.
+  std::optional<int32_t> max_downlink_frame_bytes;
 
   ConversationOptions() = default;
   ConversationOptions(std::optional<std::string> name, std::optional<bool> enable_tracing_event,
@@ -35,7 +39,8 @@ struct ConversationOptions {
                       std::optional<bool> enable_sync_user_message_timestamp_by_ack,
                       std::optional<bool> block_when_recovering, std::optional<bool> enable_resend,
                       std::optional<int32_t> uplink_message_ack_timeout_ms,
-                      std::optional<int32_t> max_resend_uplink_message_count)
+                      std::optional<int32_t> max_resend_uplink_message_count,
+                      std::optional<int32_t> max_downlink_frame_bytes = std::nullopt)
       : name(std::move(name)),
         enable_tracing_event(enable_tracing_event),
         history_message_limited(history_message_limited),
@@ -45,7 +50,8 @@ struct ConversationOptions {
         block_when_recovering(block_when_recovering),
         enable_resend(enable_resend),
         uplink_message_ack_timeout_ms(uplink_message_ack_timeout_ms),
-        max_resend_uplink_message_count(max_resend_uplink_message_count) {}
+        max_resend_uplink_message_count(max_resend_uplink_message_count),
+        max_downlink_frame_bytes(max_downlink_frame_bytes) {}
 };
 
 // The global configuration, given once to ConversationHub::config.

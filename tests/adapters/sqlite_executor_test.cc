@@ -4,6 +4,8 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -119,15 +121,18 @@ TEST_P(SqlExecutorContract, EveryOperationRoundTripsThroughReopening) {
   EXPECT_EQ(describeAll(all("c")), describeAll(std::vector<MessageRecord>(&rows[0], &rows[6])));
   EXPECT_EQ(describeAll(all("other")), describeAll({rows[6]}));
 
-  // Every non-empty key must match; all keys empty is refused.
+  // Every non-empty key must match; without the conversation's id nothing
+  // is removed, not even with other keys.
   ASSERT_TRUE(sql_->removeMessages("c", "m9", "l2", ""));
   ASSERT_TRUE(sql_->removeMessages("c", "", "l2", ""));
-  ASSERT_TRUE(sql_->removeMessages("", "m3", "", ""));
-  ASSERT_TRUE(sql_->removeMessages("", "", "", "s-l1"));
+  EXPECT_FALSE(sql_->removeMessages("", "m3", "", ""));
+  ASSERT_TRUE(sql_->removeMessages("c", "m3", "", ""));
+  ASSERT_TRUE(sql_->removeMessages("c", "", "", "s-l1"));
   EXPECT_FALSE(sql_->removeMessages("", "", "", ""));
+  EXPECT_FALSE(sql_->removeMessages("", "", "l1", ""));
   ASSERT_NO_FATAL_FAILURE(reopen());
   EXPECT_EQ(describeAll(all("c")), describeAll({rows[1], rows[2], rows[5]}));
-  EXPECT_TRUE(all("other").empty());
+  EXPECT_EQ(describeAll(all("other")), describeAll({rows[6]}));
 }
 
 TEST_P(SqlExecutorContract, PagingBackwardsVisitsEveryMessageOnceWhileNewOnesArrive) {
@@ -180,6 +185,79 @@ TEST_P(SqlExecutorContract, OneWriterAndSeveralReadersAtOnce) {
   EXPECT_EQ(all("c").size(), 600u);
 }
 
+// A message's identity: its local id, or else its server id within its local
+// section. Each case writes through one executor and lists the contents left
+// in conversation "c", in row order.
+TEST_P(SqlExecutorContract, OneRowPerMessageAndTurnsNeverTouchEachOther) {
+  // id: local message id, message id, local section id.
+  auto row = [](const std::string& content, const std::string& local_id,
+                const std::string& message_id, const std::string& section,
+                const std::string& conversation = "c") {
+    return MessageRecord(conversation, "srv", section, "srv-" + section, local_id, message_id,
+                         local_id.empty() ? "assistant" : "user", 1, 2, "2", content);
+  };
+  using Step = std::function<bool(ISqlExecutor&)>;
+  auto insert = [](MessageRecord r) {
+    return Step([r](ISqlExecutor& x) { return x.insertMessage(r); });
+  };
+  auto update = [](MessageRecord r) {
+    return Step([r](ISqlExecutor& x) { return x.updateMessage(r); });
+  };
+  auto remove = [](std::string m, std::string l, std::string s) {
+    return Step([=](ISqlExecutor& x) { return x.removeMessages("c", m, l, s); });
+  };
+  struct Case {
+    const char* name;
+    std::vector<Step> steps;
+    std::vector<std::string> left;
+  };
+  const Case cases[] = {
+      {"a repeated frame replaces its row in place",
+       {insert(row("prompt", "u1", "", "L1")), insert(row("first frame", "", "1", "L1")),
+        insert(row("next", "u2", "", "L2")), insert(row("repeated frame", "", "1", "L1"))},
+       {"prompt", "repeated frame", "next"}},
+      {"a prompt stored at send and again when acknowledged is one row",
+       {insert(row("sent", "u1", "", "L1")), insert(row("acknowledged", "u1", "7", "L1"))},
+       {"acknowledged"}},
+      {"a server that restarted reuses id 1 in a new turn",
+       {insert(row("old answer", "", "1", "L1")), insert(row("new answer", "", "1", "L2")),
+        update(row("new answer, complete", "", "1", "L2"))},
+       {"old answer", "new answer, complete"}},
+      {"an update reaches only its own turn and conversation",
+       {insert(row("turn 1", "", "1", "L1")), insert(row("elsewhere", "", "1", "L2", "d")),
+        update(row("turn 2 is not stored", "", "1", "L2")),
+        update(row("elsewhere, updated", "", "1", "L1", "d"))},
+       {"turn 1"}},
+      {"a user message with the same server id is not an assistant message",
+       {insert(row("prompt", "u1", "1", "L1")), insert(row("answer", "", "1", "L1")),
+        update(row("answer, complete", "", "1", "L1"))},
+       {"prompt", "answer, complete"}},
+      {"records without ids are always new rows",
+       {insert(row("system", "", "", "L1")), insert(row("system", "", "", "L1"))},
+       {"system", "system"}},
+      {"removing by server id keeps the other turn",
+       {insert(row("turn 1", "", "1", "L1")), insert(row("turn 2", "", "1", "L2")),
+        remove("1", "", "L2")},
+       {"turn 1"}},
+      {"removing by local id",
+       {insert(row("prompt", "u1", "", "L1")), insert(row("answer", "", "1", "L1")),
+        remove("", "u1", "")},
+       {"answer"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(sql_->removeMessages("c", "", "", ""));
+    for (const Step& step : c.steps) ASSERT_TRUE(step(*sql_));
+    ASSERT_NO_FATAL_FAILURE(reopen());
+    std::vector<std::string> left;
+    for (const auto& r : all("c")) left.push_back(r.content);
+    EXPECT_EQ(left, c.left);
+  }
+  // Only one case wrote to "d", and nothing after it reached that row.
+  ASSERT_EQ(all("d").size(), 1u);
+  EXPECT_EQ(all("d")[0].content, "elsewhere");
+}
+
 // The instance name keeps both executors under a filter on "Sqlite".
 INSTANTIATE_TEST_SUITE_P(SqliteAndMemory, SqlExecutorContract,
                          ::testing::Values(Kind::Sqlite, Kind::Memory), [](const auto& info) {
@@ -199,11 +277,11 @@ TEST(SqliteExecutorTest, UnusableFilesGiveAReasonAndFailedWritesRollBack) {
   dir.write("garbage.db", std::string(8192, '\x5a'));
   dir.write("plain", "x");
   ASSERT_TRUE(SqliteExecutor::open(dir.file("newer.db")));
-  execOn(dir.file("newer.db"), "UPDATE meta SET value = 2 WHERE key = 'schema_version'");
+  execOn(dir.file("newer.db"), "UPDATE meta SET value = 3 WHERE key = 'schema_version'");
   const std::pair<std::string, std::string> cases[] = {
       {"garbage.db", "file is not a database"},
       {"plain/history.db", "unable to open database file"},
-      {"newer.db", "schema version 2 is newer than the supported 1"}};
+      {"newer.db", "schema version 3 is newer than the supported 2"}};
   for (const auto& [name, reason] : cases) {
     std::string error;
     EXPECT_FALSE(SqliteExecutor::open(dir.file(name), &error)) << name;
@@ -222,6 +300,91 @@ TEST(SqliteExecutorTest, UnusableFilesGiveAReasonAndFailedWritesRollBack) {
   EXPECT_TRUE(sql->saveConversations({ConversationInfo("c", "", "", 1, {}, {}, "")}));
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].rfind("insertMessage failed: no such table: messages", 0), 0u) << errors[0];
+}
+
+std::vector<std::string> contentsOf(ISqlExecutor& sql, const std::string& conversation) {
+  MessageQueryResult result;
+  EXPECT_TRUE(sql.queryMessages(result, conversation, 1, std::nullopt, std::nullopt));
+  std::vector<std::string> out;
+  for (const auto& r : result.messages) out.push_back(r.content);
+  return out;
+}
+
+TEST(SqliteExecutorTest, AWriteGroupIsOneTransactionThatOnlyItsThreadJoins) {
+  test::TempDir dir("orvi-sqlite");
+  const std::string path = dir.file("history.db");
+  auto sql = SqliteExecutor::open(path);
+  auto other_process = SqliteExecutor::open(path);
+  ASSERT_TRUE(sql && other_process);
+  std::vector<std::string> errors;
+  sql->setErrorSink([&](const std::string& message) { errors.push_back(message); });
+  execOn(path, "DROP TABLE conversations");  // makes one write of the group fail
+
+  EXPECT_FALSE(sql->endWriteGroup());  // none open
+  ASSERT_TRUE(sql->beginWriteGroup());
+  EXPECT_FALSE(sql->beginWriteGroup());  // never nested
+  ASSERT_TRUE(sql->insertMessage(message("c", "1")));
+  EXPECT_FALSE(sql->saveConversations({ConversationInfo("c", "", "", 1, {}, {}, "")}));
+  ASSERT_TRUE(sql->insertMessage(message("c", "2")));
+  // Nothing shows before the commit, to this executor's reads or another's.
+  EXPECT_TRUE(contentsOf(*sql, "c").empty());
+  EXPECT_TRUE(contentsOf(*other_process, "c").empty());
+
+  // A write from another thread waits for the group and is not part of it.
+  std::thread host_thread([&] { EXPECT_TRUE(sql->insertMessage(message("c", "3"))); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets it try to cut in
+  ASSERT_TRUE(sql->insertMessage(message("c", "2b")));
+  ASSERT_TRUE(sql->endWriteGroup());
+  host_thread.join();
+  EXPECT_EQ(contentsOf(*other_process, "c"), (std::vector<std::string>{"1", "2", "2b", "3"}));
+  ASSERT_EQ(errors.size(), 3u);
+  EXPECT_EQ(errors[0], "endWriteGroup failed: no write group is open on this thread");
+  EXPECT_EQ(errors[1], "beginWriteGroup failed: a write group is already open on this thread");
+  EXPECT_EQ(errors[2].rfind("saveConversations failed: no such table: conversations", 0), 0u)
+      << errors[2];
+}
+
+TEST(SqliteExecutorTest, AVersion1FileIsUpgradedToOneRowPerMessage) {
+  test::TempDir dir("orvi-sqlite");
+  const std::string path = dir.file("history.db");
+  ASSERT_TRUE(SqliteExecutor::open(path));
+  // Back to version 1, which had no identity, with the duplicates it allowed.
+  execOn(path,
+         "DROP INDEX messages_by_local_message_id; DROP INDEX messages_by_message_id;"
+         "CREATE INDEX messages_by_local_message_id ON messages(local_conversation_id, "
+         "local_message_id);"
+         "UPDATE meta SET value = 1 WHERE key = 'schema_version'");
+  // content, conversation, local section, local message id, message id
+  const char* rows[][5] = {
+      {"old turn", "c", "L0", "", "a1"},       {"prompt", "c", "L1", "u1", ""},
+      {"answer", "c", "L1", "", "a1"},         {"answer, later", "c", "L1", "", "a1"},
+      {"prompt, acked", "c", "L1", "u1", "7"}, {"system", "c", "L1", "", ""},
+      {"system", "c", "L1", "", ""},           {"elsewhere", "d", "L1", "", "a1"}};
+  for (const auto& r : rows) {
+    execOn(path, ("INSERT INTO messages(local_conversation_id, conversation_id, local_section_id, "
+                  "section_id, local_message_id, message_id, type, create_time, update_time, "
+                  "status, content) VALUES('" +
+                  std::string(r[1]) + "', '', '" + r[2] + "', '', '" + r[3] + "', '" + r[4] +
+                  "', 't', 0, 0, '2', '" + r[0] + "')")
+                     .c_str());
+  }
+
+  auto sql = SqliteExecutor::open(path);
+  ASSERT_TRUE(sql);
+  // Each message keeps its first place and its newest columns.
+  EXPECT_EQ(contentsOf(*sql, "c"), (std::vector<std::string>{"old turn", "prompt, acked",
+                                                             "answer, later", "system", "system"}));
+  MessageQueryResult result;
+  ASSERT_TRUE(sql->queryMessages(result, "c", 1, std::nullopt, std::nullopt));
+  EXPECT_EQ(result.messages[1].message_id, "7");
+  EXPECT_EQ(contentsOf(*sql, "d"), std::vector<std::string>{"elsewhere"});
+  // From now on a message stored again replaces its row.
+  ASSERT_TRUE(sql->insertMessage(
+      MessageRecord("c", "", "L1", "", "", "a1", "t", 0, 0, "2", "answer, final")));
+  EXPECT_EQ(contentsOf(*sql, "c")[2], "answer, final");
+  EXPECT_EQ(contentsOf(*sql, "c").size(), 5u);
+  sql.reset();
+  ASSERT_TRUE(SqliteExecutor::open(path));  // a version 2 file opens as it is
 }
 
 }  // namespace

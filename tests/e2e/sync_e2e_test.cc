@@ -26,7 +26,9 @@ TEST(SyncEndToEnd, RecordsAreAckedAndANackedFragmentIsSentAgainAlone) {
   ASSERT_TRUE(tap->transport().waitConnected(std::chrono::seconds(5)));
 
   SyncChannelOptions options;
-  options.send_interval_ms = 0;  // every record goes out at once
+  // A sender thread, so that the nacked fragment goes out on the nack's own
+  // round (without one it would wait for the next send).
+  options.send_interval_ms = 1;
   options.fragment_size_kb = 1;
   auto channel = SyncChannel::create(options);
   auto listener = std::make_shared<RecordingSyncListener>();

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -74,9 +75,12 @@ TEST_F(CacherTest, WritesRunInPostingOrderAndSurviveAThrowingExecutor) {
   cacher->removeMessage("c", "l2");
   cacher->insertMessage(message("c", "boom"));
   cacher->insertMessage(message("c", "second", "l2"));
-  ASSERT_TRUE(cacher->waitForWrites(kPatience));
+  // The throw is contained, counted, and reported by the first wait only.
+  EXPECT_FALSE(cacher->waitForWrites(kPatience));
   EXPECT_EQ(contents(sql_->messages("c")), (std::vector<std::string>{"v2", "second"}));
   EXPECT_TRUE(log_->has("ioWorker task failed: disk on fire"));
+  EXPECT_TRUE(log_->has("insert message failed in the sql executor"));
+  EXPECT_TRUE(cacher->waitForWrites(kPatience));
 }
 
 TEST_F(CacherTest, DestroyingDropsQueuedWritesAndReleasesTheExecutor) {
@@ -151,11 +155,125 @@ TEST_F(CacherTest, ExpiryRemovesExactlyTheConversationsPastTheRetention) {
       EXPECT_EQ(log_->count("messages of conversation(" + id + ") are removed"), gone ? 1u : 0u);
     }
     // One removal per expired conversation, then one deletion of them all.
-    EXPECT_EQ(sql_->writesEntered(), static_cast<int>(2 * 5 + expired + 1));
+    EXPECT_EQ(sql_->writesEntered(), static_cast<int>(2 * 5 + expired + (expired > 0 ? 1 : 0)));
   }
   // "More than the retention" is strict, to the millisecond.
   EXPECT_FALSE(Cacher::isExpired(now - kDayMs, 1, now * 10000));
   EXPECT_TRUE(Cacher::isExpired(now - kDayMs - 1, 1, now * 10000));
+}
+
+TEST_F(CacherTest, WritesAreGroupedAndAWaitReturnsOnlyOnceTheirGroupIsCommitted) {
+  auto grouping = std::make_shared<test::GroupingMemorySqlExecutor>();
+  sql_ = grouping;
+  auto cacher = makeCacher();
+  // The first write's commit blocks in the gate, so that the rest queue up.
+  std::unique_lock<std::mutex> gate(sql_->writeGate());
+  cacher->insertMessage(message("c", "0"));
+  ASSERT_TRUE(eventually([&] { return sql_->writesEntered() == 1; }));
+  std::vector<std::string> written = {"0"};
+  for (int i = 1; i < 1200; ++i) {
+    written.push_back(std::to_string(i));
+    cacher->insertMessage(message("c", written.back()));
+  }
+  gate.unlock();
+  ASSERT_TRUE(cacher->waitForWrites(kPatience));
+  EXPECT_EQ(contents(sql_->messages("c")), written);  // committed, in order
+  const size_t full = Cacher::kMaxGroupWrites;
+  EXPECT_EQ(grouping->groupSizes(), (std::vector<size_t>{1, full, full, 1200 - 1 - 2 * full}));
+
+  // A group that fails to commit fails the wait that follows it, once.
+  grouping->failCommits() = true;
+  for (int i = 0; i < 3; ++i) cacher->insertMessage(message("lost", std::to_string(i)));
+  EXPECT_FALSE(cacher->waitForWrites(kPatience));
+  EXPECT_TRUE(sql_->messages("lost").empty());
+  EXPECT_GE(log_->countContaining("write(s) was not committed"), 1u);
+  grouping->failCommits() = false;
+  cacher->insertMessage(message("c", "after"));
+  EXPECT_TRUE(cacher->waitForWrites(kPatience));
+  EXPECT_EQ(sql_->messages("c").back().content, "after");
+
+  // A write to another executor ends the group of the first.
+  auto plain = std::make_shared<MemorySqlExecutor>();
+  cacher->insertMessage(message("c", "to the grouping one"));
+  cacher->registerSqlExecutor(plain);
+  cacher->insertMessage(message("c", "to the plain one"));
+  ASSERT_TRUE(cacher->waitForWrites(kPatience));
+  EXPECT_EQ(contents(plain->messages("c")), std::vector<std::string>{"to the plain one"});
+  EXPECT_EQ(sql_->messages("c").back().content, "to the grouping one");
+}
+
+TEST_F(CacherTest, NoWriteReachesTheExecutorWithoutItsKeys) {
+  auto cacher = makeCacher();
+  MessageRecord no_ids = message("c", "x");
+  MessageRecord no_conversation = message("", "x", "l1");
+  const std::pair<std::function<void()>, std::string> refused[] = {
+      {[&] { cacher->removeMessages(""); },
+       "remove messages refused, local_conversation_id is empty"},
+      {[&] { cacher->removeMessage("c", ""); },
+       "remove message refused, local_conversation_id: c, local_message_id: "},
+      {[&] { cacher->removeMessage("", "l1"); },
+       "remove message refused, local_conversation_id: , local_message_id: l1"},
+      {[&] { cacher->removeMessageById("c", "m1", ""); },
+       "remove message refused, local_conversation_id: c, message_id: m1, local_section_id: "},
+      {[&] { cacher->removeMessageById("c", "", "s1"); },
+       "remove message refused, local_conversation_id: c, message_id: , local_section_id: s1"},
+      {[&] { cacher->updateMessage(no_ids); },
+       "update message refused, local_conversation_id: c, message_id: , local_message_id: "},
+      {[&] { cacher->updateMessage(no_conversation); },
+       "update message refused, local_conversation_id: , message_id: , local_message_id: l1"},
+      {[&] { cacher->insertMessage(no_conversation); },
+       "insert message refused, local_conversation_id is empty, type: user"},
+      {[&] {
+         cacher->deleteConversations({"", ""});
+       },
+       "delete conversations: 2 empty local conversation id(s) left out"},
+  };
+  for (const auto& [call, line] : refused) {
+    call();
+    EXPECT_TRUE(log_->has(line)) << line;
+  }
+  ASSERT_TRUE(cacher->waitForWrites(kPatience));
+  EXPECT_EQ(sql_->writesEntered(), 0);
+
+  // The keyed forms go through, and touch only what they name.
+  cacher->insertMessage(message("c", "a", "l1"));
+  cacher->insertMessage(MessageRecord("c", "", "s1", "", "", "m1", "assistant", 0, 0, "", "b"));
+  cacher->insertMessage(MessageRecord("c", "", "s2", "", "", "m1", "assistant", 0, 0, "", "c"));
+  cacher->removeMessageById("c", "m1", "s1");
+  cacher->deleteConversations({"", "gone"});
+  ASSERT_TRUE(cacher->waitForWrites(kPatience));
+  EXPECT_EQ(contents(sql_->messages("c")), (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(sql_->writesEntered(), 5);
+}
+
+TEST_F(CacherTest, WhatTheStoreThrowsStaysInTheCacher) {
+  struct Throwing : MemorySqlExecutor {
+    bool queryConversations(ConversationListQueryResult&, int32_t, std::optional<int32_t>,
+                            std::optional<int32_t>) override {
+      throw std::runtime_error("conversations unreadable");
+    }
+    bool queryMessages(MessageQueryResult&, const std::string&, int32_t, std::optional<int32_t>,
+                       std::optional<int32_t>) override {
+      throw 42;  // not even an exception class
+    }
+    bool isMigrated() override { throw std::runtime_error("flag unreadable"); }
+  };
+  sql_ = std::make_shared<Throwing>();
+  auto cacher = makeCacher();
+  ASSERT_TRUE(cacher->init());
+  std::vector<ConversationInfo> conversations;
+  EXPECT_FALSE(cacher->queryConversations(conversations));
+  EXPECT_TRUE(cacher->queryMessages("c").empty());
+  EXPECT_TRUE(cacher->queryMessages("c", 0, 10).messages.empty());
+  dir_.write("orvi_history.json", R"({"conversations": [{"local_conversation_id": "x"}]})");
+  EXPECT_FALSE(cacher->firstMigrationToDb());  // not known to be done: not imported
+  cacher->removeExpiredConversations();
+  ASSERT_TRUE(cacher->waitForWrites(kPatience));
+  EXPECT_EQ(sql_->writesEntered(), 0);
+  EXPECT_TRUE(log_->has("query conversations failed: conversations unreadable"));
+  EXPECT_EQ(log_->count("query messages failed with an unknown exception"), 1u);
+  EXPECT_EQ(log_->count("query message page failed with an unknown exception"), 1u);
+  EXPECT_TRUE(log_->has("query of the migration flag failed: flag unreadable"));
 }
 
 }  // namespace

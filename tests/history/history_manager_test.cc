@@ -2,13 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "orvi/conversation/conversation_hub.h"
 #include "orvi/message/processor/message_processor.h"
 #include "orvi/message/wrapper/assistant_message_wrapper.h"
 #include "orvi/message/wrapper/user_message_wrapper.h"
@@ -46,6 +51,24 @@ MessagePtr assistantMessage(const std::string& conversation, const std::string& 
                                        {"event", "message"},
                                        {"content", content.dump()}})
                                      .dump());
+}
+
+// The text a stored frame shows: a prompt's content, an answer's "text".
+std::string textOf(const std::string& frame) {
+  const MessagePtr message = MessageProcessor::parse(frame);
+  if (const auto* user = dynamic_cast<const UserMessageWrapper*>(message.get())) {
+    return user->message()->content->content;
+  }
+  if (const auto* answer = dynamic_cast<const AssistantMessageWrapper*>(message.get())) {
+    return json::parse(answer->message()->content->content).value("text", "");
+  }
+  return "?";
+}
+
+std::vector<std::string> textsOf(const std::vector<std::string>& frames) {
+  std::vector<std::string> out;
+  for (const auto& frame : frames) out.push_back(textOf(frame));
+  return out;
 }
 
 int64_t nowMs() {
@@ -164,8 +187,7 @@ TEST_F(HistoryManagerTest, LegacyFilesAreMigratedOnceAndNeverAgain) {
                      {{"local_conversation_id", "corrupt"}, {"create_time", now}}}}})
                  .dump());
   const std::string user_frame = userMessage("", "legacy question")->marshal();
-  dir_.write("kept.json",
-             json({{"messages", {json::parse(user_frame), "not a frame"}}}).dump());
+  dir_.write("kept.json", json({{"messages", {json::parse(user_frame), "not a frame"}}}).dump());
   dir_.write("corrupt.json", "{\"messages\": [");
 
   {
@@ -179,7 +201,8 @@ TEST_F(HistoryManagerTest, LegacyFilesAreMigratedOnceAndNeverAgain) {
     EXPECT_EQ(history.conversations().size(), 3u);
     const auto frames = history.getMessages("kept");
     ASSERT_EQ(frames.size(), 1u);  // the unparsable entry is skipped
-    auto restored = std::dynamic_pointer_cast<UserMessageWrapper>(MessageProcessor::parse(frames[0]));
+    auto restored =
+        std::dynamic_pointer_cast<UserMessageWrapper>(MessageProcessor::parse(frames[0]));
     ASSERT_TRUE(restored);
     EXPECT_EQ(restored->message()->content->content, "legacy question");
     EXPECT_TRUE(log_->has("message history file(" + dir_.file("no-file.json") +
@@ -188,7 +211,8 @@ TEST_F(HistoryManagerTest, LegacyFilesAreMigratedOnceAndNeverAgain) {
   }
 
   // New legacy data after the migration is never imported.
-  dir_.write("kept.json", json({{"messages", {json::parse(user_frame), json::parse(user_frame)}}}).dump());
+  dir_.write("kept.json",
+             json({{"messages", {json::parse(user_frame), json::parse(user_frame)}}}).dump());
   HistoryManager again;
   ASSERT_TRUE(again.init(dir_.path(), openDatabase(), 30, false));
   EXPECT_EQ(again.getMessages("kept").size(), 1u);
@@ -234,7 +258,8 @@ TEST_F(HistoryManagerTest, ConversationsAndMerging) {
   ASSERT_TRUE(history.init(dir_.path(), sql, 30, true));
   history.addConversation("lc1", "", "mine");
   history.addConversation("lc1", "", "again");
-  EXPECT_TRUE(log_->has("SKIP to add conversation, local_conversation_id: lc1, name: mine is already record"));
+  EXPECT_TRUE(log_->has(
+      "SKIP to add conversation, local_conversation_id: lc1, name: mine is already record"));
 
   history.saveConversationInfos({ConversationInfo("lc1", "srv-1", "Renamed", 1, 5, 3, ""),
                                  ConversationInfo("lc2", "srv-2", "Remote", 2, {}, {}, "")});
@@ -255,7 +280,8 @@ TEST_F(HistoryManagerTest, ConversationsAndMerging) {
   // Merging updates what is stored and inserts what is new.
   history.recordMessage(assistantMessage("lc1", "a1", "old"));
   ASSERT_TRUE(history.flush());
-  history.mergeMessage("lc1", {assistantMessage("lc1", "a1", "new"), assistantMessage("lc1", "a2", "")});
+  history.mergeMessage("lc1",
+                       {assistantMessage("lc1", "a1", "new"), assistantMessage("lc1", "a2", "")});
   ASSERT_TRUE(history.flush());
   const auto records = sql->messages("lc1");
   ASSERT_EQ(records.size(), 2u);
@@ -273,6 +299,137 @@ TEST_F(HistoryManagerTest, ConversationsAndMerging) {
   EXPECT_EQ(history.historyMessageLimited("lc1"), 7);
   history.deactivateConversation("lc1");
   EXPECT_EQ(history.historyMessageLimited("lc1"), 0);
+}
+
+TEST_F(HistoryManagerTest, LegacyImportSkipsOnlyTheBadEntriesAndDatesUndatedOnes) {
+  const int64_t before = nowMs();
+  dir_.write("orvi_history.json",
+             json({{"conversations",
+                    {{{"local_conversation_id", "good"}, {"create_time", before}},
+                     {{"local_conversation_id", "bad-time"}, {"create_time", "yesterday"}},
+                     42,
+                     {{"local_conversation_id", "bad-count"}, {"message_count", "many"}},
+                     {{"local_conversation_id", "undated"}, {"name", "No date"}},
+                     {{"name", "no id"}, {"create_time", before}}}}})
+                 .dump());
+  dir_.write("undated.json",
+             json({{"messages", {json::parse(userMessage("", "kept")->marshal())}}}).dump());
+  auto sql = std::make_shared<test::MemorySqlExecutor>();
+  HistoryManager history;
+  ASSERT_TRUE(history.init(dir_.path(), sql, 30, false));
+
+  std::set<std::string> imported;
+  for (const auto& info : history.conversations()) imported.insert(info.local_conversation_id);
+  EXPECT_EQ(imported, (std::set<std::string>{"good", "undated"}));
+  ConversationInfo undated;
+  ASSERT_TRUE(history.findConversation("undated", undated));
+  EXPECT_GE(undated.create_time, before);  // not 1970, so the expiry pass kept it
+  EXPECT_EQ(textsOf(history.getMessages("undated")), std::vector<std::string>{"kept"});
+  const std::string type_error = "[json.exception.type_error.302] type must be ";
+  const std::pair<int, std::string> skipped[] = {{1, type_error + "number, but is string"},
+                                                 {2, type_error + "object, but is number"},
+                                                 {3, type_error + "number, but is string"},
+                                                 {5, "local_conversation_id is empty"}};
+  for (const auto& [entry, reason] : skipped) {
+    EXPECT_TRUE(
+        log_->has("skip legacy conversation entry " + std::to_string(entry) + ": " + reason))
+        << entry;
+  }
+  EXPECT_EQ(log_->countContaining("skip legacy conversation entry"), 4u);
+  EXPECT_TRUE(sql->isMigrated());
+}
+
+TEST_F(HistoryManagerTest, ASlowStoreGetsTheWholeImportAndItsDoneMarkBeforeInitReturns) {
+  struct Slow : test::MemorySqlExecutor {
+    bool insertMessage(const MessageRecord& record) override {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      return MemorySqlExecutor::insertMessage(record);
+    }
+  };
+  json messages = json::array();
+  for (int i = 0; i < 300; ++i) {
+    messages.push_back(json::parse(userMessage("", "q" + std::to_string(i))->marshal()));
+  }
+  dir_.write(
+      "orvi_history.json",
+      json({{"conversations", {{{"local_conversation_id", "old"}, {"create_time", nowMs()}}}}})
+          .dump());
+  dir_.write("old.json", json({{"messages", messages}}).dump());
+  auto sql = std::make_shared<Slow>();
+  {
+    // The import takes longer than the stall limit in all, never between
+    // two writes: init waits for all of it.
+    HistoryManager history(std::chrono::milliseconds(300));
+    ASSERT_TRUE(history.init(dir_.path(), sql, 30, false));
+    EXPECT_TRUE(sql->isMigrated());
+    EXPECT_EQ(sql->messages("old").size(), 300u);
+  }  // gone without a flush, as at an exit
+  HistoryManager again;
+  ASSERT_TRUE(again.init(dir_.path(), sql, 30, false));
+  EXPECT_EQ(sql->messages("old").size(), 300u);  // not imported twice
+}
+
+TEST_F(HistoryManagerTest, WhatTheStoreThrowsStaysInsideAndConfigCanBeRetried) {
+  struct Flaky : test::MemorySqlExecutor {
+    std::atomic<bool> broken{true};
+    void check() {
+      if (broken) throw std::runtime_error("store offline");
+    }
+    bool queryConversations(ConversationListQueryResult& r, int32_t m, std::optional<int32_t> o,
+                            std::optional<int32_t> l) override {
+      check();
+      return MemorySqlExecutor::queryConversations(r, m, o, l);
+    }
+    bool queryMessages(MessageQueryResult& r, const std::string& id, int32_t m,
+                       std::optional<int32_t> c, std::optional<int32_t> n) override {
+      check();
+      return MemorySqlExecutor::queryMessages(r, id, m, c, n);
+    }
+    bool insertMessage(const MessageRecord& record) override {
+      check();
+      return MemorySqlExecutor::insertMessage(record);
+    }
+  };
+  auto sql = std::make_shared<Flaky>();
+  ConversationHubImpl hub;
+  const OrviConfig config(dir_.path(), 30, false);
+  hub.config(config, nullptr);
+  EXPECT_TRUE(log_->has("sql executor is null, u need register it before config."));
+  hub.config(config, sql);  // throws while loading the list
+  EXPECT_EQ(log_->count("init history manager failed, local history feature is unusable!!!"), 2u);
+  EXPECT_TRUE(log_->has("query conversations failed: store offline"));
+  EXPECT_FALSE(hub.flush(1000));  // nothing configured, nothing written
+
+  sql->broken = false;
+  hub.config(config, sql);
+  EXPECT_TRUE(log_->has("config done, cache_path = " + dir_.path()));
+  HistoryManager& history = *hub.history();
+  sql->broken = true;
+  history.recordMessage(assistantMessage("lc1", "a1", "lost"));
+  EXPECT_FALSE(hub.flush(10000));  // the write threw
+  EXPECT_TRUE(history.getMessages("lc1").empty());
+  EXPECT_TRUE(history.getMessages("lc1", 0, 10).messages.empty());
+  sql->broken = false;
+  history.recordMessage(assistantMessage("lc1", "a2", "kept"));
+  EXPECT_TRUE(hub.flush(10000));
+  EXPECT_EQ(textsOf(history.getMessages("lc1")), std::vector<std::string>{"kept"});
+}
+
+TEST_F(HistoryManagerTest, HubFlushWaitsForQueuedWritesWithinItsTimeOut) {
+  auto sql = std::make_shared<test::MemorySqlExecutor>();
+  ConversationHubImpl hub;
+  hub.config(OrviConfig(dir_.path(), 30, false), sql);
+  std::unique_lock<std::mutex> gate(sql->writeGate());
+  for (int i = 0; i < 2000; ++i) {
+    hub.history()->recordMessage(assistantMessage("lc1", "m" + std::to_string(i), ""));
+  }
+  // The store is held, so these cannot be done; they report it.
+  EXPECT_FALSE(hub.flush(20));
+  EXPECT_FALSE(hub.flush(0));
+  EXPECT_FALSE(hub.flush(-5));
+  gate.unlock();
+  EXPECT_TRUE(hub.flush(60000));
+  EXPECT_EQ(sql->messages("lc1").size(), 2000u);
 }
 
 }  // namespace

@@ -5,16 +5,23 @@
 // Thread-safe: rows_mutex_ guards the rows. While a test holds writeGate(),
 // every write blocks on entry, which lets it keep the cacher's worker busy
 // and its queue provably non-empty.
+//
+// GroupingMemorySqlExecutor adds write groups (ISqlWriteGroups): writes made
+// inside a group stay invisible until endWriteGroup applies them all, the
+// way a transaction behaves, so a flush that reports before its group is
+// committed shows as missing rows. failCommits() makes every commit fail.
 #pragma once
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orvi/sql_executor.h"
@@ -108,15 +115,24 @@ class MemorySqlExecutor : public ISqlExecutor {
     return true;
   }
 
+  // A record with a stored identity replaces that row in place.
   bool insertMessage(const MessageRecord& record) override {
-    return write([&] { messages_.push_back({next_seq_++, record}); });
+    return write([&] {
+      for (auto& row : messages_) {
+        if (sameIdentity(row.record, record)) {
+          row.record = record;
+          return;
+        }
+      }
+      messages_.push_back({next_seq_++, record});
+    });
   }
 
   bool removeMessages(const std::string& local_conversation_id, const std::string& message_id,
                       const std::string& local_message_id,
                       const std::string& local_section_id) override {
-    if ((local_conversation_id + message_id + local_message_id + local_section_id).empty()) {
-      return false;  // no criteria: refused rather than deleting everything
+    if (local_conversation_id.empty()) {
+      return false;  // refused: it would reach other conversations' rows
     }
     auto matches = [&](const Row& row) {
       const MessageRecord& r = row.record;
@@ -130,20 +146,27 @@ class MemorySqlExecutor : public ISqlExecutor {
     });
   }
 
-  // By local message id, or by message id when the record has none.
+  // The row with the record's identity, if any; a record without identity
+  // is refused.
   bool updateMessage(const MessageRecord& record) override {
-    const bool by_local_id = !record.local_message_id.empty();
-    if (!by_local_id && record.message_id.empty()) return false;  // would match every id-less row
+    if (record.local_conversation_id.empty() ||
+        (record.local_message_id.empty() && record.message_id.empty())) {
+      return false;
+    }
     return write([&] {
       for (auto& row : messages_) {
-        const MessageRecord& r = row.record;
-        if (r.local_conversation_id == record.local_conversation_id &&
-            (by_local_id ? r.local_message_id == record.local_message_id
-                         : r.message_id == record.message_id)) {
-          row.record = record;
-        }
+        if (sameIdentity(row.record, record)) row.record = record;
       }
     });
+  }
+
+  // Same local conversation, and the same local message id, or else (both
+  // without one) the same message id in the same local section.
+  static bool sameIdentity(const MessageRecord& a, const MessageRecord& b) {
+    if (a.local_conversation_id != b.local_conversation_id) return false;
+    if (!b.local_message_id.empty()) return a.local_message_id == b.local_message_id;
+    return a.local_message_id.empty() && !b.message_id.empty() && a.message_id == b.message_id &&
+           a.local_section_id == b.local_section_id;
   }
 
   bool isMigrated() override { return migrated_.load(); }
@@ -174,6 +197,85 @@ class MemorySqlExecutor : public ISqlExecutor {
   std::atomic<bool> migrated_{false};
   std::atomic<int> writes_entered_{0};
   std::mutex gate_mutex_;  // guards nothing; held only by a test to stop writes
+};
+
+class GroupingMemorySqlExecutor : public MemorySqlExecutor, public ISqlWriteGroups {
+ public:
+  std::atomic<bool>& failCommits() { return fail_commits_; }
+  // Sizes of the groups committed (or failed) so far, in order.
+  std::vector<size_t> groupSizes() const {
+    std::lock_guard<std::mutex> lock(group_mutex_);
+    return group_sizes_;
+  }
+
+  bool beginWriteGroup() override {
+    std::lock_guard<std::mutex> lock(group_mutex_);
+    if (open_) return false;
+    open_ = true;
+    owner_ = std::this_thread::get_id();
+    return true;
+  }
+  bool endWriteGroup() override {
+    std::vector<std::function<void()>> pending;
+    {
+      std::lock_guard<std::mutex> lock(group_mutex_);
+      if (!open_ || owner_ != std::this_thread::get_id()) return false;
+      open_ = false;
+      pending.swap(pending_);
+      group_sizes_.push_back(pending.size());
+    }
+    if (fail_commits_) return false;
+    for (auto& apply : pending) apply();
+    return true;
+  }
+
+  bool saveConversations(const std::vector<ConversationInfo>& c) override {
+    return deferred([=] { return MemorySqlExecutor::saveConversations(c); });
+  }
+  bool deleteConversations(const std::vector<std::string>& ids) override {
+    return deferred([=] { return MemorySqlExecutor::deleteConversations(ids); });
+  }
+  bool updateConversations(const std::vector<ConversationInfo>& c) override {
+    return deferred([=] { return MemorySqlExecutor::updateConversations(c); });
+  }
+  bool insertMessage(const MessageRecord& r) override {
+    return deferred([=] { return MemorySqlExecutor::insertMessage(r); });
+  }
+  bool removeMessages(const std::string& a, const std::string& b, const std::string& c,
+                      const std::string& d) override {
+    if (a.empty()) return false;
+    return deferred([=] { return MemorySqlExecutor::removeMessages(a, b, c, d); });
+  }
+  bool updateMessage(const MessageRecord& r) override {
+    if (r.local_conversation_id.empty() || (r.local_message_id.empty() && r.message_id.empty())) {
+      return false;
+    }
+    return deferred([=] { return MemorySqlExecutor::updateMessage(r); });
+  }
+  bool setMigrated(bool migrated) override {
+    return deferred([=] { return MemorySqlExecutor::setMigrated(migrated); });
+  }
+
+ private:
+  // Inside the caller's group the write waits for the commit; otherwise it
+  // is applied at once.
+  bool deferred(std::function<bool()> apply) {
+    {
+      std::lock_guard<std::mutex> lock(group_mutex_);
+      if (open_ && owner_ == std::this_thread::get_id()) {
+        pending_.push_back([apply] { apply(); });
+        return true;
+      }
+    }
+    return apply();
+  }
+
+  mutable std::mutex group_mutex_;
+  bool open_ = false;                           // guarded by group_mutex_
+  std::thread::id owner_;                       // guarded by group_mutex_
+  std::vector<std::function<void()>> pending_;  // guarded by group_mutex_
+  std::vector<size_t> group_sizes_;             // guarded by group_mutex_
+  std::atomic<bool> fail_commits_{false};
 };
 
 }  // namespace test

@@ -1,8 +1,9 @@
 // Test doubles for the sync channel's host side: a listener that records
-// every event as a line of text, a file uploader that keeps each upload for
-// the test to answer, a polling wait for conditions that other threads make
-// true, and content that gzip cannot shrink. Frames go through
-// RecordingSender (recording_sender.h).
+// every event as a line of text, a sender that accepts or refuses frames by
+// a script, a file uploader that keeps each upload for the test to answer,
+// a polling wait for conditions that other threads make true, and content
+// that gzip cannot shrink. Plain recording of frames is RecordingSender's
+// (recording_sender.h).
 #pragma once
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "orvi/sync_channel.h"
+#include "orvi/transport.h"
 
 namespace orvi {
 namespace test {
@@ -85,6 +87,49 @@ class RecordingSyncListener : public SyncChannelListener {
 
   mutable std::mutex mutex_;
   std::vector<std::string> events_;  // guarded by mutex_
+};
+
+// Answers each frame with `accept(attempt number from 0, frame)` (every
+// frame accepted while unset) and records every attempt with its answer.
+class ScriptedSyncSender : public ITransportSender {
+ public:
+  struct Attempt {
+    std::string frame;
+    bool accepted;
+  };
+
+  bool sendMessage(const std::string& frame) override {
+    size_t attempt;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      attempt = attempts_.size();
+      attempts_.push_back({frame, false});
+    }
+    const bool accepted = !accept || accept(attempt, frame);
+    std::lock_guard<std::mutex> lock(mutex_);
+    attempts_[attempt].accepted = accepted;
+    return accepted;
+  }
+  void httpRequest(const HttpRequest&, std::shared_ptr<HttpCallback>) override {}
+
+  std::vector<Attempt> attempts() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return attempts_;
+  }
+  std::vector<std::string> accepted() const {
+    std::vector<std::string> out;
+    for (const auto& a : attempts()) {
+      if (a.accepted) out.push_back(a.frame);
+    }
+    return out;
+  }
+
+  // Set before the first frame; called on the sending thread, no lock held.
+  std::function<bool(size_t attempt, const std::string& frame)> accept;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Attempt> attempts_;  // guarded by mutex_
 };
 
 // Keeps every upload with its callback for the test to answer later, as a

@@ -191,10 +191,15 @@ TEST(SyncChannelTest, FragmentsReassembleAndOnlyAValidNackResendsOne) {
     EXPECT_EQ(host.sender->attempts(), frames);
 
     host.downlink->onMessageReceived(nack("doc", 6, 1));
-    ASSERT_TRUE(waitUntil([&] { return host.sender->frames().size() == frames.size() + 1; }));
-    EXPECT_EQ(host.sender->frames().back(), frames[1]);
-    host.send("after", "", SyncInfoType::Reply);  // its round resends nothing
-    EXPECT_EQ(host.sender->frames().size(), frames.size() + 2);
+    if (interval >= 1) {
+      ASSERT_TRUE(waitUntil([&] { return host.sender->frames().size() == frames.size() + 1; }));
+    } else {
+      // Without a sender thread the fragment waits for the next round.
+      EXPECT_EQ(host.sender->frames().size(), frames.size());
+    }
+    host.send("after", "", SyncInfoType::Reply);
+    ASSERT_EQ(host.sender->frames().size(), frames.size() + 2);  // the fragment once, then "after"
+    EXPECT_EQ(host.sender->frames()[frames.size()], frames[1]);
     // Empty content cannot be compressed: it goes plain, and the log says so.
     EXPECT_FALSE(recordOf(host.sender->frames().back()).contains("compression"));
     EXPECT_EQ(log->countContaining("tryCompress gzip failed, will not compress, ret: -1"),

@@ -1,13 +1,15 @@
-// Upload of oversized records, on a SyncQos without a sender thread and with
-// a settable clock: each push runs a round, and starts any upload that is
-// due, before it returns. Batching and resends are driven through the
-// channel (sync_channel_test.cc).
+// Upload of oversized records and the limits on what a SyncQos keeps, on a
+// SyncQos without a sender thread and with a settable clock: each push runs
+// a round, and starts any upload or drop that is due, before it returns.
+// Batching and resends are driven through the channel (sync_channel_test.cc).
 #include "orvi/sync/sync_qos.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "support/recording_log_handler.h"
 #include "support/recording_sender.h"
@@ -31,8 +33,9 @@ struct UploadRig {
   std::shared_ptr<SyncQos> qos;
   int ticks = 0;
 
-  explicit UploadRig(int32_t max_retry)
-      : qos(std::make_shared<SyncQos>(0, 10, max_retry, 1, true, [this] { return now; })) {
+  explicit UploadRig(int32_t max_retry, bool upload = true, SyncQos::Limits limits = {})
+      : qos(std::make_shared<SyncQos>(
+            0, 10, max_retry, 1, upload, [this] { return now; }, limits)) {
     transport->setSender(sender);
     qos->setListener(listener);
     qos->setFileUploader(uploader);
@@ -111,6 +114,85 @@ TEST(SyncQosTest, AnUploadedRecordIsSentOnceAsAnAddressAndACanceledOneNever) {
   EXPECT_EQ(up.calls(), 5u);
   // Every tick went out alone; besides them only the address of "big".
   EXPECT_EQ(up.sender->frames().size(), static_cast<size_t>(up.ticks) + 1);
+  // A cancel is the record's end, and the host hears it once.
+  EXPECT_EQ(up.listener->count("failed first[1]"), 1u);
+  EXPECT_EQ(up.listener->count("failed second[1]"), 1u);
+}
+
+TEST(SyncQosTest, UploadsNeverAnsweredAreRetriedThenGivenUpAndReportedOnce) {
+  test::ScopedLogCapture log;
+  UploadRig up(1);
+  up.qos->push(wire("big", test::mixedUtf8(3000), "base", 3));
+  const int64_t started = up.now;
+  up.now = started + SyncQos::kUploadInFlightTimeoutMs - 1;
+  up.tick();
+  EXPECT_EQ(up.calls(), 1u);  // the first attempt is still out
+  up.now = started + SyncQos::kUploadInFlightTimeoutMs;
+  up.tick();
+  ASSERT_EQ(up.calls(), 2u);  // unanswered: retried
+  // The one retry is used up: the next round gives the record up, without
+  // waiting for the attempt that is still out.
+  up.now += 1;
+  up.tick();
+  EXPECT_EQ(log->countContaining("Upload retry count: 1 reach failed_max_retry_count_: 1, drop!"),
+            1u);
+  EXPECT_EQ(up.listener->count("failed big[3]"), 1u);
+  // Late answers change nothing: the host was told already.
+  up.uploader->calls[1].second->onUploadSuccess(200, "late", "https://files.test/big");
+  up.uploader->calls[0].second->onUploadFailed(500, "late");
+  EXPECT_EQ(log->countContaining("upload success ignored, record already given up"), 1u);
+  EXPECT_EQ(up.sender->frames().size(), static_cast<size_t>(up.ticks));
+  EXPECT_EQ(up.listener->count("failed big[3]"), 1u);
+
+  // An uploader that throws counts as a failure; a channel dropped while an
+  // upload is out reports the record once.
+  struct Throwing : IFileUploader {
+    void upload(const SyncInfo&, std::shared_ptr<FileUploadStatusCallback>) override {
+      throw std::runtime_error("disk full");
+    }
+  };
+  UploadRig thrown(0);
+  thrown.qos->setFileUploader(std::make_shared<Throwing>());
+  thrown.qos->push(wire("t", test::mixedUtf8(3000)));
+  EXPECT_EQ(thrown.listener->count("failed t[1]"), 1u);
+  UploadRig dropped(5);
+  dropped.qos->push(wire("d", test::mixedUtf8(3000)));
+  dropped.qos.reset();
+  EXPECT_EQ(dropped.listener->events(), std::vector<std::string>{"failed d[1]"});
+}
+
+TEST(SyncQosTest, WhatIsKeptIsBoundedAndEveryDropIsReported) {
+  test::ScopedLogCapture log;
+  SyncQos::Limits limits;
+  limits.max_unacked_records = 2;
+  limits.max_unacked_age_ms = 1000;
+  UploadRig up(5, false, limits);
+  for (int i = 0; i < 3; ++i) up.qos->push(wire("r" + std::to_string(i), test::mixedUtf8(2000)));
+  // The third record's fragments push the first one's out.
+  EXPECT_EQ(up.listener->count("failed r0[1]"), 1u);
+  up.qos->onNack("r0", 1, 2, 0);
+  EXPECT_EQ(log->countContaining("id: r0, index: 1, frag_total: 2, frag_index: 0, sync_info id"),
+            1u);
+  up.now += 999;
+  up.tick();
+  EXPECT_EQ(up.listener->count("failed r1[1]"), 0u);
+  up.now += 1;
+  up.tick();  // expired
+  EXPECT_EQ(up.listener->count("failed r1[1]"), 1u);
+  EXPECT_EQ(up.listener->count("failed r2[1]"), 1u);
+  EXPECT_EQ(log->countContaining("SyncQos dropped the fragments of an unacknowledged record"), 3u);
+
+  // The queue refuses what would take it over its cap, and says so.
+  limits.max_queued_bytes = 2 * (500 + 300);
+  auto listener = std::make_shared<test::RecordingSyncListener>();
+  auto held = std::make_shared<SyncQos>(600000, 100, 5, 200, false, nullptr, limits);
+  held->setListener(listener);  // never connected: records stay queued
+  for (const char* id : {"a", "b", "c"}) held->push(wire(id, std::string(500, 'q')));
+  EXPECT_EQ(log->countContaining("SyncQos push refused, queue full: 1600 bytes held, cap 1600"),
+            1u);
+  EXPECT_EQ(listener->events(), std::vector<std::string>{"failed c[1]"});
+  held.reset();
+  EXPECT_EQ(listener->events(), (std::vector<std::string>{"failed c[1]", "failed a[1] b[1]"}));
 }
 
 }  // namespace

@@ -77,6 +77,42 @@ TEST(GzipTest, FailuresReturnCodesAndLeaveInputAlone) {
   EXPECT_EQ(truncated, before);
 }
 
+// A small stream that inflates far past the limit is stopped as soon as the
+// output passes it: the size reported is within one 32 KiB step of the
+// limit, never the whole inflated size, and the input is left as it was.
+TEST(GzipTest, InflatingStopsAtTheLimit) {
+  test::ScopedLogCapture capture;
+  const struct {
+    size_t content;  // bytes of 'z' compressed
+    size_t limit;
+    int expected;
+  } cases[] = {
+      {100000, 100000, 100000},  // exactly the limit is accepted
+      {100000, 99999, -5},       {100000, 0, -5}, {1, 1, 1},
+      {64u << 20, 1u << 20, -5},  // 64 MiB from about 64 KiB
+  };
+  for (const auto& c : cases) {
+    std::string packed(c.content, 'z');
+    ASSERT_GT(compressEx(packed), 0);
+    std::string data = packed;
+    capture->clear();
+    EXPECT_EQ(decompressEx(data, c.limit), c.expected) << c.content << " " << c.limit;
+    if (c.expected < 0) {
+      EXPECT_EQ(data, packed);
+      const auto lines = capture->lines();
+      ASSERT_EQ(lines.size(), 1u);
+      const std::string prefix = "inflate failed: output too large: ";
+      const std::string message = test::RecordingLogHandler::messageOf(lines[0]);
+      ASSERT_EQ(message.compare(0, prefix.size(), prefix), 0) << message;
+      const size_t reported = std::stoul(message.substr(prefix.size()));
+      EXPECT_GT(reported, c.limit);
+      EXPECT_LE(reported, c.limit + 32768);
+    } else {
+      EXPECT_EQ(data, std::string(c.content, 'z'));
+    }
+  }
+}
+
 TEST(GzipTest, InteroperatesWithSystemGzip) {
   test::TempDir dir("orvi-gzip");
   const std::string input = randomBytes(3000, 11) + std::string(50000, 'r');

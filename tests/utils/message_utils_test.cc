@@ -19,12 +19,14 @@ TEST(MessageUtilsTest, ToolCallsAreWrittenInWireShape) {
                std::vector<std::string>{"a", "b"}, std::string("e")),
       ToolCall("plain", "", "", static_cast<ToolCallComposeType>(7), std::nullopt, std::nullopt),
   };
-  EXPECT_EQ(MessageUtils::toolCalls2JsonString(calls),
-            R"({"tool_calls":[{"name":"search","properties":"{\"q\":\"x\"}","compose_type":"draft",)"
-            R"("depends":["a","b"],"extra":"e"},)"
-            R"({"name":"plain","properties":"","compose_type":"node"}]})");
+  EXPECT_EQ(
+      MessageUtils::toolCalls2JsonString(calls),
+      R"({"tool_calls":[{"name":"search","properties":"{\"q\":\"x\"}","compose_type":"draft",)"
+      R"("depends":["a","b"],"extra":"e"},)"
+      R"({"name":"plain","properties":"","compose_type":"node"}]})");
 
-  const auto back = MessageUtils::toolCallsFromJsonString(MessageUtils::toolCalls2JsonString(calls));
+  const auto back =
+      MessageUtils::toolCallsFromJsonString(MessageUtils::toolCalls2JsonString(calls));
   ASSERT_EQ(back.size(), 2u);
   EXPECT_EQ(back[0].name, "search");
   EXPECT_EQ(back[0].properties, R"({"q":"x"})");
@@ -58,6 +60,35 @@ TEST(MessageUtilsTest, BadToolCallTextGivesShortenedListsAndOneLinePerFault) {
       R"({"tool_calls": [{"name": "a"}, {"name": 5}, {"name": "c"}]})");
   ASSERT_EQ(partial.size(), 1u);
   EXPECT_EQ(partial[0].name, "a");
+}
+
+// Tool-call text can come from the server: deep nesting is refused before
+// parsing, and error lines quote long texts cut, with the length of the rest.
+TEST(MessageUtilsTest, HostileToolCallTextIsRefusedAndQuotedCut) {
+  test::ScopedLogCapture log;
+  const std::string deep = R"({"tool_calls":)" + std::string(100000, '[') + "}";
+  EXPECT_TRUE(MessageUtils::toolCallsFromJsonString(deep).empty());
+  EXPECT_EQ(log->count("parse tool calls json string failed, error: JSON nested deeper than 256 "
+                       "levels at byte 269, refused"),
+            1u);
+
+  const std::string padding(10000, 'p');
+  const struct {
+    std::string text;
+    std::string line;
+  } cases[] = {
+      {R"({"pad":")" + padding + R"(","tool_calls":{}})", "tool calls json string is not array"},
+      {R"({"pad":")" + padding + R"(","tool_calls":[1]})", "tool call json string is not object"},
+      {R"({"pad":")" + padding + R"(","tool_calls":[{}]})", "tool call json string is empty"},
+  };
+  for (const auto& c : cases) {
+    log->clear();
+    EXPECT_TRUE(MessageUtils::toolCallsFromJsonString(c.text).empty());
+    EXPECT_EQ(log->count(c.line + ", json_str = " + c.text.substr(0, 2048) + "...(" +
+                         std::to_string(c.text.size() - 2048) + " more bytes)"),
+              1u)
+        << c.line;
+  }
 }
 
 TEST(TypeConverterTest, FileSourceTextsAndFallbacks) {

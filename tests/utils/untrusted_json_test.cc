@@ -58,5 +58,43 @@ TEST(UntrustedJson, LoggedTextIsCutWithItsLength) {
   EXPECT_EQ(shown, std::string(kLoggedTextBytes, 'x') + "...(10 more bytes)");
 }
 
+// Numbers from outside become integers only when they fit: the JSON
+// library's own conversion of an out-of-range float is undefined behaviour
+// (UBSan flagged a sync "index" of 9.6e19).
+TEST(UntrustedJson, IntegersAreReadOnlyWhenTheyFit) {
+  const struct {
+    const char* text;
+    bool fits_int32, fits_int64;
+  } cases[] = {
+      {"7", true, true},
+      {"-2147483648", true, true},
+      {"2147483648", false, true},
+      {"9223372036854775807", false, true},
+      {"18446744073709551615", false, false},  // unsigned, past int64
+      {"-9223372036854775808", false, true},
+      {"2.9", true, true},  // truncated, as before
+      {"-2147483648.5", true, true},
+      {"96223372036854775807.0", false, false},
+      {"9223372036854775808.0", false, false},  // 2^63
+      {"1e300", false, false},
+      {"\"7\"", false, false},
+      {"null", false, false},
+      {"[1]", false, false},
+  };
+  for (const auto& c : cases) {
+    const auto value = nlohmann::json::parse(c.text);
+    if (c.fits_int32) {
+      EXPECT_EQ(checkedInteger<int32_t>(value), value.get<int32_t>()) << c.text;
+    } else {
+      EXPECT_THROW(checkedInteger<int32_t>(value), nlohmann::json::type_error) << c.text;
+    }
+    if (c.fits_int64) {
+      EXPECT_EQ(checkedInteger<int64_t>(value), value.get<int64_t>()) << c.text;
+    } else {
+      EXPECT_THROW(checkedInteger<int64_t>(value), nlohmann::json::type_error) << c.text;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace orvi

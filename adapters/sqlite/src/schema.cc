@@ -5,14 +5,22 @@ namespace sqlite {
 namespace detail {
 namespace {
 
-// Version 1. `seq` is AUTOINCREMENT so that a sequence is never handed out
+// Version 2. `seq` is AUTOINCREMENT so that a sequence is never handed out
 // twice, even after the newest rows are deleted: hosts hold sequences as
 // paging cursors. The (conversation, seq) index serves the full read, the
-// paged read and the per-conversation delete; the local message id index
-// serves updates and single-message removal. Updates by message id alone
-// (records without a local id) scan the conversation's rows instead: rare,
-// and one index fewer keeps every insert cheaper.
-constexpr const char* kSchemaV1 = R"sql(
+// paged read and the per-conversation delete. The two partial unique indexes
+// are the identity of a message (docs/history.md): a local message id, or
+// else a message id within its local section. They make a message stored
+// twice one row, and keep an update of one turn off the rows of another
+// (a server that restarts hands out its ids again).
+constexpr const char* kMessageIdentityIndexes = R"sql(
+CREATE UNIQUE INDEX messages_by_local_message_id ON messages(local_conversation_id, local_message_id)
+  WHERE local_message_id <> '';
+CREATE UNIQUE INDEX messages_by_message_id ON messages(local_conversation_id, local_section_id, message_id)
+  WHERE local_message_id = '' AND message_id <> '';
+)sql";
+
+constexpr const char* kTables = R"sql(
 CREATE TABLE conversations(
   local_conversation_id TEXT PRIMARY KEY NOT NULL,
   conversation_id TEXT NOT NULL,
@@ -36,8 +44,34 @@ CREATE TABLE messages(
   status TEXT NOT NULL,
   content TEXT NOT NULL);
 CREATE INDEX messages_by_conversation ON messages(local_conversation_id, seq);
-CREATE INDEX messages_by_local_message_id ON messages(local_conversation_id, local_message_id);
-INSERT INTO meta(key, value) VALUES('schema_version', 1), ('migrated', 0);
+INSERT INTO meta(key, value) VALUES('schema_version', 2), ('migrated', 0);
+)sql";
+
+// Version 1 had no identity: a message stored twice left two rows. Each set
+// of rows with one identity becomes its first row (its place in the
+// conversation) holding the newest row's columns.
+constexpr const char* kUpgradeFrom1 = R"sql(
+CREATE TEMP TABLE identity_groups AS
+  SELECT min(seq) AS first, max(seq) AS newest FROM messages WHERE local_message_id <> ''
+    GROUP BY local_conversation_id, local_message_id HAVING count(*) > 1
+  UNION ALL
+  SELECT min(seq), max(seq) FROM messages WHERE local_message_id = '' AND message_id <> ''
+    GROUP BY local_conversation_id, local_section_id, message_id HAVING count(*) > 1;
+UPDATE messages SET (conversation_id, local_section_id, section_id, message_id, type, create_time,
+                     update_time, status, content) =
+  (SELECT n.conversation_id, n.local_section_id, n.section_id, n.message_id, n.type, n.create_time,
+          n.update_time, n.status, n.content
+     FROM identity_groups AS g JOIN messages AS n ON n.seq = g.newest WHERE g.first = messages.seq)
+  WHERE seq IN (SELECT first FROM identity_groups);
+DELETE FROM messages WHERE local_message_id <> '' AND seq NOT IN (
+  SELECT min(seq) FROM messages WHERE local_message_id <> ''
+    GROUP BY local_conversation_id, local_message_id);
+DELETE FROM messages WHERE local_message_id = '' AND message_id <> '' AND seq NOT IN (
+  SELECT min(seq) FROM messages WHERE local_message_id = '' AND message_id <> ''
+    GROUP BY local_conversation_id, local_section_id, message_id);
+DROP TABLE identity_groups;
+DROP INDEX IF EXISTS messages_by_local_message_id;
+UPDATE meta SET value = 2 WHERE key = 'schema_version';
 )sql";
 
 // The version stored in the file; 0 when the file has no schema yet.
@@ -56,7 +90,7 @@ bool readVersion(Database& db, int64_t& version, std::string& error) {
   return true;
 }
 
-bool createOrCheck(Database& db, int supported_version, std::string& error) {
+bool createOrUpgrade(Database& db, int supported_version, std::string& error) {
   if (!db.exec("CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER "
                "NOT NULL) WITHOUT ROWID",
                error)) {
@@ -69,7 +103,11 @@ bool createOrCheck(Database& db, int supported_version, std::string& error) {
             std::to_string(supported_version);
     return false;
   }
-  return version != 0 || db.exec(kSchemaV1, error);
+  switch (version) {
+    case 0: return db.exec(kTables, error) && db.exec(kMessageIdentityIndexes, error);
+    case 1: return db.exec(kUpgradeFrom1, error) && db.exec(kMessageIdentityIndexes, error);
+    default: return true;
+  }
 }
 
 }  // namespace
@@ -97,8 +135,8 @@ bool applySchema(Database& db, int supported_version, std::string& error) {
   }
   // WAL with synchronous=NORMAL survives a crash of the process; a power
   // loss may lose the last writes, which suits a local cache of history.
-  // Every write is its own transaction, so checkpoints (each with an fsync)
-  // dominate the cost of a write: let the log grow to 16 MiB between them.
+  // Checkpoints (each with an fsync) are the dearest part of writing: let the
+  // log grow to 16 MiB between them.
   if (!db.exec("PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=4000; "
                "PRAGMA journal_size_limit=16777216",
                error)) {
@@ -106,7 +144,7 @@ bool applySchema(Database& db, int supported_version, std::string& error) {
   }
 
   if (!db.exec("BEGIN IMMEDIATE", error)) return false;
-  if (createOrCheck(db, supported_version, error) && db.exec("COMMIT", error)) return true;
+  if (createOrUpgrade(db, supported_version, error) && db.exec("COMMIT", error)) return true;
   std::string ignored;
   db.exec("ROLLBACK", ignored);
   return false;

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <limits>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "schema.h"
@@ -31,11 +33,25 @@ const std::string kMessageColumns =
     "message_id, type, create_time, update_time, status, content";
 
 // The keys of removeMessages in argument order, as the columns they match.
-// A delete statement is prepared for each non-empty combination; its index
-// has bit i set when key i is a criterion.
+// A delete statement is prepared for each combination that includes the
+// local conversation id (bit 0): one conversation's ids never reach
+// another's rows. Its index has bit i set when key i is a criterion.
 constexpr std::array<const char*, 4> kRemoveKeys = {"local_conversation_id", "message_id",
                                                     "local_message_id", "local_section_id"};
 constexpr size_t kRemoveVariants = size_t{1} << kRemoveKeys.size();
+
+// The two identities of a stored message (the partial unique indexes of the
+// schema). The conditions repeat the indexes' own, which lets SQLite use them.
+const std::string kByLocalMessageId =
+    "local_conversation_id=?1 AND local_message_id=?5 AND local_message_id <> ''";
+const std::string kByMessageId =
+    "local_conversation_id=?1 AND local_section_id=?3 AND message_id=?6 AND local_message_id = '' "
+    "AND message_id <> ''";
+const std::string kReplaceMessageColumns =
+    "conversation_id=excluded.conversation_id, local_section_id=excluded.local_section_id, "
+    "section_id=excluded.section_id, message_id=excluded.message_id, type=excluded.type, "
+    "create_time=excluded.create_time, update_time=excluded.update_time, status=excluded.status, "
+    "content=excluded.content";
 
 const std::string kMigratedKey = "migrated";
 
@@ -90,25 +106,38 @@ void printToStderr(const std::string& message) {
 }
 
 // The write connection and its statements. The mutex serialises writers;
-// the library has one, but a host may write too.
+// the library has one, but a host may write too. While a write group is
+// open, only the thread that opened it writes: the others wait on
+// group_ended and then write in transactions of their own.
 struct WriteSide {
-  std::mutex mutex;  // guards db and every statement below
+  std::mutex mutex;  // guards db, every statement and the group state below
+  std::condition_variable group_ended;
   Database db;
-  Statement begin, commit, rollback;
+  Statement begin, commit, rollback, savepoint, release, rollback_to;
   Statement save_conversation, delete_conversation, update_conversation;
-  Statement insert_message, update_by_local_message_id, update_by_message_id;
-  std::array<Statement, kRemoveVariants> remove_messages;  // [0] stays unprepared
+  Statement insert_message, upsert_by_local_message_id, upsert_by_message_id;
+  Statement update_by_local_message_id, update_by_message_id;
+  std::array<Statement, kRemoveVariants> remove_messages;  // even indexes stay unprepared
   Statement set_meta;
+
+  bool in_group = false;
+  std::thread::id group_owner;
+  bool group_broken = false;  // a failure ended the group's transaction early
 
   bool prepare(std::string& error) {
     sqlite3* handle = db.get();
+    const std::string insert = "INSERT INTO messages(" + kMessageColumns +
+                               ") VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)";
     const std::string update_message =
         "UPDATE messages SET conversation_id=?2, local_section_id=?3, section_id=?4, "
         "local_message_id=?5, message_id=?6, type=?7, create_time=?8, update_time=?9, "
-        "status=?10, content=?11 WHERE local_conversation_id=?1 AND ";
+        "status=?10, content=?11 WHERE ";
     bool ok =
         begin.prepare(handle, "BEGIN IMMEDIATE", error) &&
         commit.prepare(handle, "COMMIT", error) && rollback.prepare(handle, "ROLLBACK", error) &&
+        savepoint.prepare(handle, "SAVEPOINT write_in_group", error) &&
+        release.prepare(handle, "RELEASE write_in_group", error) &&
+        rollback_to.prepare(handle, "ROLLBACK TO write_in_group", error) &&
         save_conversation.prepare(handle,
                                   "INSERT OR REPLACE INTO conversations(" + kConversationColumns +
                                       ") VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)",
@@ -120,24 +149,40 @@ struct WriteSide {
             "UPDATE conversations SET conversation_id=?2, name=?3, create_time=?4, "
             "update_time=?5, message_count=?6, extra=?7 WHERE local_conversation_id=?1",
             error) &&
-        insert_message.prepare(handle,
-                               "INSERT INTO messages(" + kMessageColumns +
-                                   ") VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)",
-                               error) &&
-        update_by_local_message_id.prepare(handle, update_message + "local_message_id=?5", error) &&
-        update_by_message_id.prepare(handle, update_message + "message_id=?6", error) &&
+        insert_message.prepare(handle, insert, error) &&
+        upsert_by_local_message_id.prepare(
+            handle,
+            insert +
+                " ON CONFLICT(local_conversation_id, local_message_id) WHERE "
+                "local_message_id <> '' DO UPDATE SET " +
+                kReplaceMessageColumns,
+            error) &&
+        upsert_by_message_id.prepare(
+            handle,
+            insert +
+                " ON CONFLICT(local_conversation_id, local_section_id, message_id) WHERE "
+                "local_message_id = '' AND message_id <> '' DO UPDATE SET " +
+                kReplaceMessageColumns,
+            error) &&
+        update_by_local_message_id.prepare(handle, update_message + kByLocalMessageId, error) &&
+        update_by_message_id.prepare(handle, update_message + kByMessageId, error) &&
         set_meta.prepare(handle, "INSERT OR REPLACE INTO meta(key, value) VALUES(?1, ?2)", error);
-    for (size_t mask = 1; ok && mask < kRemoveVariants; ++mask) {
+    for (size_t mask = 1; ok && mask < kRemoveVariants; mask += 2) {
       std::string sql = "DELETE FROM messages WHERE ";
       for (size_t key = 0; key < kRemoveKeys.size(); ++key) {
         if (!(mask & (size_t{1} << key))) continue;
         if (sql.back() != ' ') sql += " AND ";
         sql += std::string(kRemoveKeys[key]) + "=?" + std::to_string(key + 1);
       }
+      // Lets SQLite use the local message id index (it is partial).
+      if (mask & 4) sql += " AND local_message_id <> ''";
       ok = remove_messages[mask].prepare(handle, sql, error);
     }
     return ok;
   }
+
+  // Whether this thread writes inside the open group.
+  bool writesInGroup() const { return in_group && group_owner == std::this_thread::get_id(); }
 };
 
 // The read connection: query_only, so nothing written can come through it.
@@ -196,16 +241,34 @@ struct SqliteExecutor::Impl {
     }
   }
 
-  // Runs `body` in one transaction on the write connection; on failure
-  // rolls back and reports.
+  // Runs `body` atomically on the write connection: in a transaction of its
+  // own, or inside the calling thread's open group under a savepoint. On
+  // failure rolls back what `body` did and reports.
   template <typename Body>
   bool write(const char* operation, Body&& body) {
     std::string error;
     {
-      std::lock_guard<std::mutex> lock(writer.mutex);
-      if (writer.begin.run() && body(writer) && writer.commit.run()) return true;
-      error = lastError(writer.db.get());
-      if (!sqlite3_get_autocommit(writer.db.get())) writer.rollback.run();
+      std::unique_lock<std::mutex> lock(writer.mutex);
+      writer.group_ended.wait(lock, [&] { return !writer.in_group || writer.writesInGroup(); });
+      if (!writer.in_group) {
+        if (writer.begin.run() && body(writer) && writer.commit.run()) return true;
+        error = lastError(writer.db.get());
+        if (!sqlite3_get_autocommit(writer.db.get())) writer.rollback.run();
+      } else if (writer.group_broken) {
+        error = "an earlier failure ended the write group";
+      } else {
+        if (writer.savepoint.run() && body(writer) && writer.release.run()) return true;
+        error = lastError(writer.db.get());
+        if (sqlite3_get_autocommit(writer.db.get())) {
+          // SQLite ended the whole transaction (disk full, I/O error): what
+          // the group wrote is gone, and nothing more may join it, or the
+          // file would keep later writes without earlier ones.
+          writer.group_broken = true;
+        } else {
+          writer.rollback_to.run();
+          writer.release.run();
+        }
+      }
     }
     report(std::string(operation) + " failed: " + error);
     return false;
@@ -345,8 +408,11 @@ bool SqliteExecutor::queryMessages(MessageQueryResult& result,
 
 bool SqliteExecutor::insertMessage(const MessageRecord& record) {
   return impl_->write("insertMessage", [&](WriteSide& w) {
-    bindMessage(w.insert_message, record);
-    return w.insert_message.run();
+    Statement& s = !record.local_message_id.empty() ? w.upsert_by_local_message_id
+                   : !record.message_id.empty()     ? w.upsert_by_message_id
+                                                    : w.insert_message;
+    bindMessage(s, record);
+    return s.run();
   });
 }
 
@@ -354,15 +420,15 @@ bool SqliteExecutor::removeMessages(const std::string& local_conversation_id,
                                     const std::string& message_id,
                                     const std::string& local_message_id,
                                     const std::string& local_section_id) {
+  if (local_conversation_id.empty()) {
+    impl_->report("removeMessages refused: the local conversation id is empty");
+    return false;
+  }
   const std::array<const std::string*, kRemoveKeys.size()> keys = {
       &local_conversation_id, &message_id, &local_message_id, &local_section_id};
   size_t mask = 0;
   for (size_t key = 0; key < keys.size(); ++key) {
     if (!keys[key]->empty()) mask |= size_t{1} << key;
-  }
-  if (mask == 0) {
-    impl_->report("removeMessages refused: every key is empty");
-    return false;
   }
   return impl_->write("removeMessages", [&](WriteSide& w) {
     Statement& s = w.remove_messages[mask];
@@ -375,9 +441,10 @@ bool SqliteExecutor::removeMessages(const std::string& local_conversation_id,
 
 bool SqliteExecutor::updateMessage(const MessageRecord& record) {
   const bool by_local_id = !record.local_message_id.empty();
-  if (!by_local_id && record.message_id.empty()) {
+  if (record.local_conversation_id.empty() || (!by_local_id && record.message_id.empty())) {
     impl_->report(
-        "updateMessage refused: the record has neither a local message id nor a message id");
+        "updateMessage refused: the record has no local conversation id, or neither a local "
+        "message id nor a message id");
     return false;
   }
   return impl_->write("updateMessage", [&](WriteSide& w) {
@@ -402,6 +469,52 @@ bool SqliteExecutor::setMigrated(bool migrated) {
     w.set_meta.bind(2, int64_t{migrated ? 1 : 0});
     return w.set_meta.run();
   });
+}
+
+bool SqliteExecutor::beginWriteGroup() {
+  std::string error;
+  {
+    std::unique_lock<std::mutex> lock(impl_->writer.mutex);
+    WriteSide& w = impl_->writer;
+    if (w.writesInGroup()) {
+      error = "a write group is already open on this thread";
+    } else {
+      w.group_ended.wait(lock, [&] { return !w.in_group; });
+      if (w.begin.run()) {
+        w.in_group = true;
+        w.group_owner = std::this_thread::get_id();
+        w.group_broken = false;
+        return true;
+      }
+      error = lastError(w.db.get());
+    }
+  }
+  impl_->report("beginWriteGroup failed: " + error);
+  return false;
+}
+
+bool SqliteExecutor::endWriteGroup() {
+  std::string error;
+  {
+    std::lock_guard<std::mutex> lock(impl_->writer.mutex);
+    WriteSide& w = impl_->writer;
+    if (!w.writesInGroup()) {
+      error = "no write group is open on this thread";
+    } else {
+      const bool committed = !w.group_broken && w.commit.run();
+      if (!committed) {
+        error = w.group_broken ? "an earlier failure ended the write group" : lastError(w.db.get());
+        if (!sqlite3_get_autocommit(w.db.get())) w.rollback.run();
+      }
+      w.in_group = false;
+      w.group_broken = false;
+      w.group_owner = std::thread::id();
+      w.group_ended.notify_all();
+      if (committed) return true;
+    }
+  }
+  impl_->report("endWriteGroup failed: " + error);
+  return false;
 }
 
 }  // namespace sqlite

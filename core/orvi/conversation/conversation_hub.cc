@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <chrono>
+#include <exception>
 
 #include "orvi/conversation/conversation_impl.h"
 #include "orvi/history/manager/history_manager.h"
@@ -24,16 +26,28 @@ ConversationHubImpl::ConversationHubImpl() : history_(std::make_shared<HistoryMa
 
 ConversationHubImpl::~ConversationHubImpl() = default;
 
-void ConversationHubImpl::config(const OrviConfig& config, std::shared_ptr<ISqlExecutor> executor) {
-  std::lock_guard<std::mutex> lock(config_mutex_);
-  if (configured_.load()) {
+void ConversationHubImpl::config(const OrviConfig& config,
+                                 std::shared_ptr<ISqlExecutor> executor) {
+  bool idle = false;
+  const bool runs = configuring_.compare_exchange_strong(idle, true);
+  if (!runs || configured_.load()) {
+    if (runs) configuring_.store(false);
     ORVI_LOGW("config is already set, don't config again..");
     return;
   }
   cache_path_ = config.cache_path;
   retention_days_ = config.retention_days;
   enable_merge_ = config.enable_merge;
-  if (history_->init(cache_path_, std::move(executor), retention_days_, enable_merge_)) {
+  bool initialised = false;
+  try {
+    initialised = history_->init(cache_path_, std::move(executor), retention_days_, enable_merge_);
+  } catch (const std::exception& e) {
+    // The history contains the host store's exceptions; this is the last
+    // line for anything else (an allocation failure), so config stays
+    // retryable.
+    ORVI_LOGE("config failed: %s", e.what());
+  }
+  if (initialised) {
     configured_.store(true);
     ORVI_LOGI("config done, cache_path = %s", cache_path_.c_str());
   } else {
@@ -41,6 +55,7 @@ void ConversationHubImpl::config(const OrviConfig& config, std::shared_ptr<ISqlE
     // manager (which the conversations opened so far already share).
     ORVI_LOGE("init history manager failed, local history feature is unusable!!!");
   }
+  configuring_.store(false);
 }
 
 bool ConversationHubImpl::checkConversation(const std::string& local_conversation_id) {
@@ -199,6 +214,16 @@ void ConversationHubImpl::listen(std::shared_ptr<ConversationHubListener> listen
     return;
   }
   listener_ = std::move(listener);
+}
+
+bool ConversationHubImpl::flush(int64_t timeout_ms) {
+  const int64_t bounded = std::max<int64_t>(timeout_ms, 0);
+  try {
+    return history_->flush(std::chrono::milliseconds(bounded));
+  } catch (const std::exception& e) {
+    ORVI_LOGE("flush failed: %s", e.what());
+    return false;
+  }
 }
 
 std::shared_ptr<ITransport> ConversationHubImpl::connect(std::shared_ptr<ITransportSender> sender) {

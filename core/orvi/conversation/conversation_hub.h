@@ -43,6 +43,7 @@ class ConversationHubImpl : public ConversationHub {
   bool remove(const std::string& local_conversation_id) override;
   void listen(std::shared_ptr<ConversationHubListener> listener) override;
   std::shared_ptr<ITransport> connect(std::shared_ptr<ITransportSender> sender) override;
+  bool flush(int64_t timeout_ms) override;
 
   const std::shared_ptr<HistoryManager>& history() const { return history_; }
 
@@ -58,7 +59,10 @@ class ConversationHubImpl : public ConversationHub {
   std::string cache_path_;
   int64_t retention_days_ = 0;
   bool enable_merge_ = false;
-  std::mutex config_mutex_;  // serialises config
+  // Set while a config runs; a second config meanwhile is refused rather
+  // than made to wait, since config runs the host's store and no lock is
+  // held while host code runs.
+  std::atomic<bool> configuring_{false};
 
   std::mutex mutex_;
   std::unordered_map<std::string, std::weak_ptr<ConversationImpl>>

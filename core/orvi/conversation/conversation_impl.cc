@@ -4,6 +4,7 @@
 #include "orvi/conversation/delayed_task_timer.h"
 #include "orvi/history/manager/history_manager.h"
 #include "orvi/message/engine/message_engine.h"
+#include "orvi/message/processor/message_processor.h"
 #include "orvi/report/reporter.h"
 #include "orvi/rest_api/rest_api.h"
 #include "orvi/utils/logger.h"
@@ -34,6 +35,9 @@ ConversationImpl::ConversationImpl(std::string local_conversation_id,
       uplink_message_ack_timeout_ms_(options.uplink_message_ack_timeout_ms.value_or(5000)),
       enable_resend_(options.enable_resend.value_or(true)),
       max_resend_uplink_message_count_(options.max_resend_uplink_message_count.value_or(-1)),
+      max_downlink_frame_bytes_(options.max_downlink_frame_bytes.value_or(0) > 0
+                                    ? static_cast<size_t>(*options.max_downlink_frame_bytes)
+                                    : kDefaultMaxDownlinkFrameBytes),
       local_conversation_id_(ensureId(local_conversation_id)),
       name_(options.name.value_or(std::string())),
       history_(std::move(history)),

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -171,6 +172,7 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   const int32_t uplink_message_ack_timeout_ms_;
   std::atomic<bool> enable_resend_;
   const int32_t max_resend_uplink_message_count_;
+  const size_t max_downlink_frame_bytes_;  // frames longer, or inflating further, are refused
 
   const std::string local_conversation_id_;
   const std::string name_;

@@ -13,6 +13,7 @@
 #include "orvi/report/reporter.h"
 #include "orvi/utils/clock.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 namespace {
@@ -27,9 +28,9 @@ bool isSectionComplete(const SystemMessage& message) {
 // recovery answer of this conversation (see DeliveryQueue).
 void ConversationImpl::onMessageReceived(const std::string& frame) {
   ORVI_LOGD("onMessageReceived: %s", frame.c_str());
-  const MessagePtr message = MessageProcessor::parse(frame);
+  const MessagePtr message = MessageProcessor::parse(frame, max_downlink_frame_bytes_);
   if (!message) {
-    ORVI_LOGE("Skip a invalid msg, original json: %s", frame.c_str());
+    ORVI_LOGE("Skip a invalid msg, original json: %s", textForLog(frame).c_str());
     return;
   }
   message->envelope().received_at_ms = steadyMs();

@@ -38,7 +38,7 @@ class FileUploadCallback : public FileUploadStatusCallback {
 
   const std::weak_ptr<SyncQos> qos_;
   // Its id and index never change; content and content type are guarded by
-  // the SyncQos failed-queue mutex.
+  // the SyncQos mutex.
   const std::shared_ptr<idl::SyncInfo> sync_info_;
 };
 

@@ -5,6 +5,7 @@
 #include "orvi/sync/sync_message_processor.h"
 #include "orvi/sync/sync_qos.h"
 #include "orvi/utils/logger.h"
+#include "orvi/utils/untrusted_json.h"
 
 namespace orvi {
 namespace {
@@ -142,12 +143,12 @@ std::shared_ptr<SyncQos> SyncChannelImpl::qosForSend() {
     uploader = uploader_;
   }
   // Wired before it is published, and outside the lock, since wiring logs
-  // and starts the sender thread.
+  // and starts the sender thread. Each missing piece is logged here, once.
   auto qos = std::make_shared<SyncQos>(send_interval_ms_, max_stash_count_, failed_max_retry_count_,
                                        fragment_size_kb_, enable_file_upload_);
-  qos->setListener(listener);
-  if (uploader || enable_file_upload_) qos->setFileUploader(uploader);
   qos->connect(transport);
+  qos->setListener(listener);
+  qos->setFileUploader(uploader);
   std::lock_guard<std::mutex> lock(mutex_);
   if (!qos_) qos_ = std::move(qos);
   return qos_;
@@ -165,11 +166,11 @@ void SyncChannelImpl::onMessageReceived(const std::string& message) {
     }
     return;
   }
-  ORVI_LOGD("SyncChannelImpl(%p) onMessageReceived: %s", ptr(this), message.c_str());
+  ORVI_LOGD("SyncChannelImpl(%p) onMessageReceived: %s", ptr(this), textForLog(message).c_str());
   const auto parsed = SyncMessageProcessor::parseDownlink(message);
   if (!parsed) {
     ORVI_LOGE("SyncChannelImpl(%p) onMessageReceived: failed to parse message: %s", ptr(this),
-              message.c_str());
+              textForLog(message).c_str());
     return;
   }
   const SyncDownlinkMessage& downlink = *parsed;

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <exception>
-#include <optional>
+#include <unordered_set>
 
 #include "orvi/sync/file_upload_callback.h"
+#include "orvi/utils/clock.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
@@ -14,18 +16,8 @@ namespace {
 using Processor = SyncMessageProcessor;
 
 constexpr int32_t kDefaultFragmentSizeKb = 200;
-// Envelope and key overhead allowed for each record of a batch, and slack
-// kept free under the budget.
-constexpr int64_t kRecordOverheadBytes = 300;
+// Slack kept free under the batch budget.
 constexpr int64_t kBudgetSlackBytes = 100;
-
-SentResults resultsOfRecord(const idl::SyncInfo& record) {
-  return SentResults({SentResult(record.id, {record.index})});
-}
-
-bool sameRecord(const idl::SyncInfo& a, const idl::SyncInfo& b) {
-  return a.id == b.id && a.index == b.index;
-}
 
 long long ll(int64_t v) {
   return static_cast<long long>(v);
@@ -33,21 +25,20 @@ long long ll(int64_t v) {
 
 }  // namespace
 
-int64_t SyncQos::steadyNowMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 SyncQos::SyncQos(int32_t send_interval_ms, int32_t max_stash_count, int32_t failed_max_retry_count,
-                 int32_t fragment_size_kb, bool enable_file_upload, Clock clock)
+                 int32_t fragment_size_kb, bool enable_file_upload, Clock clock, Limits limits)
     : send_interval_ms_(send_interval_ms),
-      // Below 1 the sender would find its wake-up condition always true and spin.
+      // Below 1 the stash would always count as full.
       max_stash_count_(std::max(max_stash_count, 1)),
       failed_max_retry_count_(failed_max_retry_count),
       // Below 1 no record fits a batch and fragment counts divide by zero.
       fragment_size_kb_(fragment_size_kb < 1 ? kDefaultFragmentSizeKb : fragment_size_kb),
       enable_file_upload_(enable_file_upload),
-      clock_(clock ? std::move(clock) : Clock(&SyncQos::steadyNowMs)) {
+      clock_(clock ? std::move(clock) : Clock(&steadyMs)),
+      batch_budget_(static_cast<int64_t>(fragment_size_kb_) * 1024 - kBudgetSlackBytes),
+      queue_(limits.max_queued_bytes),
+      fragments_(
+          {limits.max_unacked_records, limits.max_unacked_bytes, limits.max_unacked_age_ms}) {
   if (max_stash_count != max_stash_count_ || fragment_size_kb != fragment_size_kb_) {
     ORVI_LOGW("SyncQos adjusted options, max_stash_count: %d -> %d, fragment_size_kb: %d -> %d",
               max_stash_count, max_stash_count_, fragment_size_kb, fragment_size_kb_);
@@ -68,19 +59,17 @@ SyncQos::SyncQos(int32_t send_interval_ms, int32_t max_stash_count, int32_t fail
 SyncQos::~SyncQos() {
   bool started;
   {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     started = started_;
+    stop_ = true;
   }
   if (send_interval_ms_ < 1 || !started) {
     ORVI_LOGI(
         "SyncQos sender thread not started or not needed; destructor skip thread join/detach");
   } else {
-    stop_.exchange(true);
-    // Taking the mutex orders the flag before the sender's next predicate check.
-    { std::lock_guard<std::mutex> lock(queue_mutex_); }
-    queue_cv_.notify_all();
+    cv_.notify_all();
     if (std::this_thread::get_id() == thread_.get_id()) {
-      // The last reference went away inside a round on the sender thread:
+      // The last reference went away on the sender thread, after its round:
       // joining would wait for ourselves. The loop notices the expired owner
       // and leaves without touching this object again.
       thread_.detach();
@@ -91,24 +80,32 @@ SyncQos::~SyncQos() {
     }
   }
 
-  // Records that never left are dropped; the host hears about each of them.
-  std::vector<idl::SyncInfo> unsent;
+  // What never left, or never finished, is reported once as not sent.
+  SentResultsBuilder unsent;
+  size_t unacknowledged;
   {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
-    unsent.swap(queue_);
-  }
-  {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    for (const auto& entry : failed_queue_) {
-      if (entry.kind == FailedEntry::Kind::UploadFailure) unsent.push_back(*entry.record);
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& record : queue_.drain()) unsent.add(record.id, record.index);
+    std::unordered_set<const idl::SyncInfo*> fragmented;
+    for (const auto& frame : failed_frames_) {
+      const idl::SyncInfo* record = frame.fragment.record.get();
+      if (!frame.offered && fragmented.insert(record).second) {
+        unsent.add(record->id, record->index);
+      }
     }
+    for (const auto& upload : uploads_) unsent.add(upload.record->id, upload.record->index);
+    unacknowledged = fragments_.recordCount();
   }
-  auto listener = this->listener();
-  if (!unsent.empty() && listener) {
-    ORVI_LOGW("SyncQos destroyed with %zu records not sent, reporting them as failed",
-              unsent.size());
-    notify(*listener, false, Processor::resultsOf(unsent));
+  if (unacknowledged > 0) {
+    ORVI_LOGI("SyncQos destroyed with %zu sent records not acknowledged, fragments dropped",
+              unacknowledged);
   }
+  if (unsent.empty()) return;
+  SentResults results = unsent.take();
+  size_t count = 0;
+  for (const auto& result : results.results) count += result.indexes.size();
+  ORVI_LOGW("SyncQos destroyed with %zu records not sent, reporting them as failed", count);
+  notify(false, results);
 }
 
 void SyncQos::connect(const std::shared_ptr<Transport>& transport) {
@@ -117,7 +114,7 @@ void SyncQos::connect(const std::shared_ptr<Transport>& transport) {
     return;
   }
   {
-    std::lock_guard<std::mutex> lock(links_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     transport_ = transport;
   }
   ORVI_LOGI("SyncQos connected, transport: %p", static_cast<void*>(transport.get()));
@@ -127,7 +124,7 @@ void SyncQos::connect(const std::shared_ptr<Transport>& transport) {
   try {
     std::weak_ptr<SyncQos> weak = weakFromThis(this);
     // The thread's first wait takes this mutex, so it sees thread_ assigned.
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     if (!started_) {
       thread_ = std::thread(&SyncQos::senderLoop, std::move(weak), this);
       started_ = started_now = true;
@@ -148,7 +145,7 @@ void SyncQos::setListener(const std::shared_ptr<SyncChannelListener>& listener) 
     return;
   }
   {
-    std::lock_guard<std::mutex> lock(links_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     listener_ = listener;
   }
   ORVI_LOGI("SyncQos setListener, listener: %p", static_cast<void*>(listener.get()));
@@ -160,104 +157,176 @@ void SyncQos::setFileUploader(const std::shared_ptr<IFileUploader>& uploader) {
     return;
   }
   {
-    std::lock_guard<std::mutex> lock(links_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     uploader_ = uploader;
   }
   ORVI_LOGI("SyncQos setFileUploader, uploader: %p", static_cast<void*>(uploader.get()));
 }
 
 std::shared_ptr<Transport> SyncQos::transport() const {
-  std::lock_guard<std::mutex> lock(links_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
   return transport_.lock();
 }
 
 std::shared_ptr<SyncChannelListener> SyncQos::listener() const {
-  std::lock_guard<std::mutex> lock(links_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
   return listener_.lock();
 }
 
 std::shared_ptr<IFileUploader> SyncQos::uploader() const {
-  std::lock_guard<std::mutex> lock(links_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
   return uploader_;
 }
 
 // ---- queue and sender thread ----
 
 void SyncQos::push(idl::SyncInfo record) {
-  Processor::tryCompress(record);
   const bool reply = record.type == "reply";
   if (reply) {
     ORVI_LOGI("SyncQos push `reply`, send immediatly, index: %lld", ll(record.index));
   }
-  bool wake;
-  {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
-    queue_.push_back(std::move(record));
-    wake = queue_.size() >= static_cast<size_t>(max_stash_count_);
-  }
-  if (!reply && send_interval_ms_ >= 1) {
-    if (wake) queue_cv_.notify_one();
+  // Content that will be compressed travels as Base64 and is checked only
+  // if compression fails; everything else must be UTF-8 already.
+  const bool gzip = Processor::wantsGzip(record);
+  if (!gzip) Processor::dropUnusedCompression(record);
+  if (const char* field = Processor::invalidField(record, !gzip)) {
+    refuseInvalid(record, field);
     return;
   }
-  sendImpl();
+  bool accepted, wake = false;
+  int64_t held, cap;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    accepted = queue_.push(record, !gzip);
+    held = queue_.bytes();
+    cap = queue_.maxBytes();
+    wake = accepted && (sender_idle_ || stashFull());
+  }
+  if (!accepted) {
+    ORVI_LOGE(
+        "SyncQos push refused, queue full: %lld bytes held, cap %lld, record %lld bytes, id: %s, "
+        "index: %lld",
+        ll(held), ll(cap), ll(SyncSendQueue::costOf(record)), record.id.c_str(), ll(record.index));
+    notify(false, Processor::resultsOf(record));
+    return;
+  }
+  if (reply || send_interval_ms_ < 1) {
+    runRound();
+  } else if (wake) {
+    cv_.notify_all();
+  }
+}
+
+void SyncQos::refuseInvalid(const idl::SyncInfo& record, const char* field) {
+  // An id that is not UTF-8 is not printed either.
+  const bool id_ok = std::strcmp(field, "id") != 0;
+  ORVI_LOGE("SyncQos push refused, %s is not valid UTF-8, id: %s, index: %lld", field,
+            id_ok ? record.id.c_str() : "(not printable)", ll(record.index));
+  notify(false, Processor::resultsOf(record));
 }
 
 void SyncQos::flush() {
   if (send_interval_ms_ < 1) return;
-  wake_ = true;
-  size_t queued;
+  size_t queued, failed;
   {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
+    wake_ = true;
     queued = queue_.size();
+    failed = failed_frames_.size() + uploads_.size();
   }
-  queue_cv_.notify_all();
-  size_t failed;
-  {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    failed = failed_queue_.size();
-  }
+  cv_.notify_all();
   ORVI_LOGI("SyncQos flush, queue size: %zu, failed queue size: %zu", queued, failed);
 }
 
 void SyncQos::senderLoop(std::weak_ptr<SyncQos> weak, SyncQos* self) {
-  // Between rounds only `weak` is held. While it is unexpired `self` is safe
-  // to use: a destructor running on another thread joins this one first.
   while (!weak.expired()) {
+    // `self` stays valid while we wait: the destructor joins this thread.
     if (!self->waitForRound(weak)) {
       ORVI_LOGI("SyncQos senderLoop stop signaled");
       return;
     }
     std::shared_ptr<SyncQos> owner = weak.lock();
     if (!owner) break;
-    // Cleared before the round, so a flush that arrives during it asks for
-    // one more round instead of being lost.
-    owner->wake_ = false;
-    try {
-      owner->sendImpl();
-    } catch (const std::exception& e) {
-      ORVI_LOGE("SyncQos senderLoop round failed: %s", e.what());
-    }
+    owner->runRound();
     // Dropping `owner` may destroy the SyncQos right here; its destructor
     // then detaches this thread, and the loop test reads only `weak`.
   }
   ORVI_LOGI("SyncQos senderLoop exit: owner expired");
 }
 
-bool SyncQos::waitForRound(const std::weak_ptr<SyncQos>& weak) {
-  using namespace std::chrono;
-  std::unique_lock<std::mutex> lock(queue_mutex_);
-  const auto due = [&] {
-    return weak.expired() || stop_ || wake_ ||
-           queue_.size() >= static_cast<size_t>(max_stash_count_);
+bool SyncQos::stashFull() const {
+  // Not while a round runs elsewhere (it will take these records), nor
+  // while the last round could not send: a full stash would wake the
+  // sender again at once, for nothing.
+  return queue_.size() >= static_cast<size_t>(max_stash_count_) && !round_running_ &&
+         !links_missing_ && !head_refused_;
+}
+
+std::optional<int64_t> SyncQos::nextRoundMs(int64_t tick) const {
+  if (links_missing_) return std::nullopt;
+  if (!queue_.empty() || !failed_frames_.empty()) return tick;
+  std::optional<int64_t> due;
+  const auto consider = [&](int64_t at) {
+    const int64_t when = std::max(at, tick);
+    due = due ? std::min(*due, when) : when;
   };
-  const auto now = steady_clock::now();
-  const auto interval = duration_cast<steady_clock::duration>(milliseconds(send_interval_ms_));
-  if (now.time_since_epoch() > steady_clock::duration::max() - interval) {
-    queue_cv_.wait(lock, due);
-  } else {
-    queue_cv_.wait_until(lock, now + interval, due);
+  for (const auto& upload : uploads_) consider(uploadDueMs(upload));
+  if (const auto expiry = fragments_.nextExpiryMs()) consider(*expiry);
+  return due;
+}
+
+bool SyncQos::waitForRound(const std::weak_ptr<SyncQos>& weak) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  int64_t tick = clock_() + send_interval_ms_;
+  for (;;) {
+    if (weak.expired() || stop_) break;
+    if (wake_ || stashFull()) break;
+    const std::optional<int64_t> due = nextRoundMs(tick);
+    const int64_t now = clock_();
+    if (due && now >= *due) break;
+    // With nothing to send, the next push wakes us (see push) to start an
+    // interval for it; otherwise it could wait for a far upload or expiry.
+    sender_idle_ = queue_.empty() && failed_frames_.empty();
+    if (due) {
+      cv_.wait_for(lock, std::chrono::milliseconds(*due - now));
+    } else {
+      cv_.wait(lock);
+    }
+    if (sender_idle_ && !queue_.empty()) tick = clock_() + send_interval_ms_;
+    sender_idle_ = false;
   }
+  // Cleared before the round, so a flush that arrives during it asks for
+  // one more round instead of being lost.
+  wake_ = false;
   return !stop_;
+}
+
+void SyncQos::runRound() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (round_running_) {
+      round_again_ = true;
+      return;
+    }
+    round_running_ = true;
+  }
+  for (;;) {
+    try {
+      sendImpl();
+    } catch (const std::exception& e) {
+      ORVI_LOGE("SyncQos send round failed: %s", e.what());
+    } catch (...) {
+      ORVI_LOGE("SyncQos send round failed");
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!round_again_) {
+      round_running_ = false;
+      break;
+    }
+    round_again_ = false;
+  }
+  // The round may have left work with a deadline for a sleeping sender.
+  cv_.notify_all();
 }
 
 // ---- sending ----
@@ -281,219 +350,279 @@ void SyncQos::notify(SyncChannelListener& listener, bool success, const SentResu
   }
 }
 
-void SyncQos::notify(const std::vector<Outcome>& outcomes) {
-  if (outcomes.empty()) return;
-  auto listener = this->listener();
-  if (!listener) return;
-  for (const auto& outcome : outcomes) notify(*listener, outcome.success, outcome.results);
+void SyncQos::notify(bool success, const SentResults& results) {
+  if (auto listener = this->listener()) notify(*listener, success, results);
 }
 
 void SyncQos::sendImpl() {
   auto transport = this->transport();
+  auto listener = this->listener();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    links_missing_ = !transport || !listener;
+  }
   if (!transport) {
     ORVI_LOGE("SyncQos resendInner failed, transport is null");
     return;
   }
-  auto listener = this->listener();
   if (!listener) {
     ORVI_LOGE("SyncQos resendInner failed, listener is null");
     return;
   }
-  tryReSend(*transport, *listener);
-  for (Batch batch = takeToSend(); !batch.records.empty(); batch = takeToSend()) {
+  Links links{*transport, *listener};
+  expireFragments();
+  bool refused = !tryReSend(links);
+  while (!refused) {
+    prepareBatch(batch_budget_);
+    SyncSendQueue::Batch batch;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      batch = queue_.take(batch_budget_);
+    }
+    ORVI_LOGI("Send %d sync infos, reserved size_count = %lld bytes",
+              static_cast<int>(batch.records.size()), ll(batch.reserved));
+    if (batch.records.empty()) break;
     if (batch.oversized && !Processor::isUri(batch.records.front())) {
-      sendOversized(std::move(batch.records.front()), *transport, *listener);
+      refused = !sendOversized(std::move(batch.records.front()), links);
     } else {
-      sendInner(Processor::marshalBatch(batch.records), *transport, *listener);
+      const SyncMessage message = Processor::marshalBatch(batch.records);
+      refused = !sendInner(message.text, message.results, {}, links);
     }
   }
+  std::lock_guard<std::mutex> lock(mutex_);
+  head_refused_ = refused;
 }
 
-SyncQos::Batch SyncQos::takeToSend() {
-  const int64_t budget = static_cast<int64_t>(fragment_size_kb_) * 1024 - kBudgetSlackBytes;
-  Batch batch;
-  int64_t total = 0;
-  {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
-    size_t taken = 0;
-    for (; taken < queue_.size(); ++taken) {
-      total += static_cast<int64_t>(queue_[taken].content.size()) + kRecordOverheadBytes;
-      if (total >= budget) {
-        // A record that alone exceeds the budget goes by itself, to be
-        // fragmented or uploaded; otherwise it waits for the next batch.
-        if (taken == 0) {
-          taken = 1;
-          batch.oversized = true;
-        }
-        break;
+void SyncQos::prepareBatch(int64_t budget) {
+  for (;;) {
+    SyncSendQueue::Taken taken;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!queue_.takeToPrepare(budget, &taken)) return;
+    }
+    const char* invalid = nullptr;
+    if (!taken.prepared) {
+      Processor::tryCompress(taken.record, encoder_);
+      // Compression failed: the content goes plain and must be UTF-8.
+      if (!taken.record.compression) invalid = Processor::invalidField(taken.record, true);
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (invalid) {
+        queue_.forget(taken.cost);
+      } else {
+        queue_.pushReady(std::move(taken.record), taken.cost);
       }
     }
-    batch.records.assign(std::make_move_iterator(queue_.begin()),
-                         std::make_move_iterator(queue_.begin() + static_cast<ptrdiff_t>(taken)));
-    queue_.erase(queue_.begin(), queue_.begin() + static_cast<ptrdiff_t>(taken));
+    if (invalid) refuseInvalid(taken.record, invalid);
   }
-  if (!batch.records.empty()) {
-    ORVI_LOGI("Send %d sync infos, reserved size_count = %lld bytes",
-              static_cast<int>(batch.records.size()), ll(total));
-  }
-  return batch;
 }
 
-void SyncQos::sendOversized(idl::SyncInfo record, Transport& transport,
-                            SyncChannelListener& listener) {
+bool SyncQos::sendOversized(idl::SyncInfo record, Links& links) {
   if (enable_file_upload_) {
-    uploadInner(std::make_shared<idl::SyncInfo>(std::move(record)));
-    return;
+    startUpload(std::move(record));
+    return true;
   }
   const int32_t count = Processor::calcFragmentCount(record.content.size(), fragment_size_kb_);
-  const std::vector<SyncMessage> messages = Processor::splitFragments(record, count);
-  if (messages.empty()) return;
+  auto shared = std::make_shared<const idl::SyncInfo>(std::move(record));
+  std::vector<FragmentSlice> slices = Processor::planFragments(*shared, count);
+  const SentResults results = Processor::resultsOf(*shared);
+  if (slices.empty()) {
+    notify(false, results);  // nothing to send: never silently lost
+    return true;
+  }
+  std::vector<SyncFragmentStore::Dropped> dropped;
   {
-    // Stored before the first send, so that an acknowledgement racing the
+    // Kept before the first send, so that an acknowledgement racing the
     // sends cannot leave fragments behind.
-    std::lock_guard<std::mutex> lock(fragment_mutex_);
-    FragmentSet& set = fragment_map_[record.id][record.index];
-    set.total = static_cast<int32_t>(messages.size());
-    set.fragments.clear();
-    for (size_t i = 0; i < messages.size(); ++i) {
-      set.fragments.emplace(static_cast<int32_t>(i), messages[i]);
+    std::lock_guard<std::mutex> lock(mutex_);
+    dropped = fragments_.put(shared, slices, clock_());
+  }
+  reportDropped(dropped);
+  for (size_t i = 0; i < slices.size(); ++i) {
+    const SyncFragmentStore::Fragment fragment{shared, slices[i]};
+    if (sendInner(Processor::marshalFragment(*shared, slices[i]), results, fragment, links)) {
+      continue;
     }
-  }
-  for (const auto& message : messages) sendInner(message, transport, listener);
-}
-
-void SyncQos::sendInner(const SyncMessage& message, Transport& transport,
-                        SyncChannelListener& listener) {
-  if (sendText(transport, message.text)) {
-    notify(listener, true, message.results);
-    return;
-  }
-  size_t failed;
-  {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    FailedEntry entry;
-    entry.results = message.results;
-    entry.message = message.text;
-    failed_queue_.push_back(std::move(entry));
-    failed = failed_queue_.size();
-  }
-  ORVI_LOGE("SyncQos sendInner failed, stash the message: %s, failed_queue_ size: %zu",
-            Processor::describe(message.results).c_str(), failed);
-  notify(listener, false, message.results);
-}
-
-void SyncQos::tryReSend(Transport& transport, SyncChannelListener& listener) {
-  std::vector<Outcome> outcomes;
-  std::vector<std::shared_ptr<idl::SyncInfo>> due_uploads;
-  {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    // A sender that calls back into the channel on this thread may start a
-    // nested round; the walk in progress already covers the queue.
-    if (resending_) return;
-    resending_ = true;
-    // Entries added while we walk (a nested failure or nack) land in the
-    // emptied queue and are kept after the older ones.
-    std::vector<FailedEntry> walking;
-    walking.swap(failed_queue_);
-    std::vector<FailedEntry> kept;
-    const int64_t now = clock_();
-    for (auto& entry : walking) {
-      const bool keep = entry.kind == FailedEntry::Kind::SendFailure
-                            ? resendEntry(entry, transport, outcomes)
-                            : scheduleUploadRetry(entry, now, due_uploads, outcomes);
-      if (keep) kept.push_back(std::move(entry));
+    // The rest wait behind the refused one, each built when it is offered.
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (size_t j = i + 1; j < slices.size(); ++j) {
+      failed_frames_.push_back({{}, {shared, slices[j]}, results, 0, false});
     }
-    kept.insert(kept.end(), std::make_move_iterator(failed_queue_.begin()),
-                std::make_move_iterator(failed_queue_.end()));
-    failed_queue_.swap(kept);
-    resending_ = false;
-    ORVI_LOGI("After retry send, failed queue remains size: %zu", failed_queue_.size());
-  }
-  for (const auto& outcome : outcomes) notify(listener, outcome.success, outcome.results);
-  for (const auto& record : due_uploads) {
-    ORVI_LOGI("tryReSend, UploadFileFailed info.id: %s", record->id.c_str());
-    uploadInner(record);
-  }
-}
-
-bool SyncQos::resendEntry(FailedEntry& entry, Transport& transport,
-                          std::vector<Outcome>& outcomes) {
-  ++entry.retry_count;
-  const std::string described = Processor::describe(entry.results);
-  if (sendText(transport, entry.message)) {
-    ORVI_LOGI("Retry send message again success, retry count: %d, : %s", entry.retry_count,
-              described.c_str());
-    outcomes.push_back({true, entry.results});
-    return false;
-  }
-  ORVI_LOGE("Retry send message again failed, retry count: %d, : %s", entry.retry_count,
-            described.c_str());
-  outcomes.push_back({false, entry.results});
-  if (entry.retry_count >= failed_max_retry_count_) {
-    ORVI_LOGE("retry count: %d reach failed_max_retry_count_: %d, drop! will not try any more! ",
-              entry.retry_count, failed_max_retry_count_);
     return false;
   }
   return true;
 }
 
+bool SyncQos::sendInner(const std::string& text, const SentResults& results,
+                        const SyncFragmentStore::Fragment& fragment, Links& links,
+                        bool stash_in_front) {
+  if (sendText(links.transport, text)) {
+    notify(links.listener, true, results);
+    return true;
+  }
+  size_t failed;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    FailedFrame frame{text, fragment, results, 0, true};
+    if (stash_in_front) {
+      failed_frames_.push_front(std::move(frame));
+    } else {
+      failed_frames_.push_back(std::move(frame));
+    }
+    failed = failed_frames_.size() + uploads_.size();
+  }
+  ORVI_LOGE("SyncQos sendInner failed, stash the message: %s, failed_queue_ size: %zu",
+            Processor::describe(results).c_str(), failed);
+  notify(links.listener, false, results);
+  return false;
+}
+
+bool SyncQos::tryReSend(Links& links) {
+  UploadPlan uploads;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    uploads = scheduleUploads(clock_());
+  }
+  for (const auto& record : uploads.stale) {
+    ORVI_LOGW("tryReSend skip stale upload retry, content is already uri, id: %s, index: %lld",
+              record->id.c_str(), ll(record->index));
+  }
+  for (size_t i = 0; i < uploads.exhausted.size(); ++i) {
+    ORVI_LOGE(
+        "Upload retry count: %d reach failed_max_retry_count_: %d, drop! will not try any more!",
+        uploads.exhausted_retries[i], failed_max_retry_count_);
+    notify(links.listener, false, Processor::resultsOf(*uploads.exhausted[i]));
+  }
+
+  bool clear = true;
+  for (;;) {
+    FailedFrame frame;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (failed_frames_.empty()) break;
+      frame = std::move(failed_frames_.front());
+      failed_frames_.pop_front();
+    }
+    const bool lazy = frame.text.empty();
+    if (lazy) frame.text = Processor::marshalFragment(*frame.fragment.record, frame.fragment.slice);
+    if (!frame.offered) {
+      // Its first offer: it is sent, or refused and kept, like a new frame.
+      if (!sendInner(frame.text, frame.results, frame.fragment, links, true)) {
+        clear = false;
+        break;
+      }
+      continue;
+    }
+    const std::string described = Processor::describe(frame.results);
+    ++frame.retry_count;
+    if (sendText(links.transport, frame.text)) {
+      ORVI_LOGI("Retry send message again success, retry count: %d, : %s", frame.retry_count,
+                described.c_str());
+      notify(links.listener, true, frame.results);
+      continue;
+    }
+    ORVI_LOGE("Retry send message again failed, retry count: %d, : %s", frame.retry_count,
+              described.c_str());
+    notify(links.listener, false, frame.results);
+    if (frame.retry_count >= failed_max_retry_count_) {
+      ORVI_LOGE("retry count: %d reach failed_max_retry_count_: %d, drop! will not try any more! ",
+                frame.retry_count, failed_max_retry_count_);
+      continue;  // given up: the frames behind it may go
+    }
+    if (lazy) frame.text.clear();  // rebuilt on the next offer
+    std::lock_guard<std::mutex> lock(mutex_);
+    failed_frames_.push_front(std::move(frame));
+    clear = false;
+    break;
+  }
+
+  size_t remaining;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    remaining = failed_frames_.size() + uploads_.size();
+  }
+  ORVI_LOGI("After retry send, failed queue remains size: %zu", remaining);
+  for (const auto& record : uploads.due) {
+    ORVI_LOGI("tryReSend, UploadFileFailed info.id: %s", record->id.c_str());
+    uploadInner(record);
+  }
+  return clear;
+}
+
 // ---- acknowledgements ----
 
 void SyncQos::onAck(const std::string& id, int64_t index) {
+  bool known;
   size_t remaining;
   {
-    std::lock_guard<std::mutex> lock(fragment_mutex_);
-    auto it = fragment_map_.find(id);
-    if (it == fragment_map_.end()) return;
-    it->second.erase(index);
-    if (it->second.empty()) fragment_map_.erase(it);
-    remaining = fragment_map_.size();
+    std::lock_guard<std::mutex> lock(mutex_);
+    known = fragments_.erase(id, index);
+    remaining = fragments_.idCount();
   }
+  if (!known) return;
   ORVI_LOGI("onAck ok, id: %s, index: %lld, fragment_map_ size: %zu", id.c_str(), ll(index),
             remaining);
 }
 
 void SyncQos::onNack(const std::string& id, int64_t index, int32_t frag_total, int32_t frag_index) {
-  const char* missing = nullptr;
-  SyncMessage fragment;
+  using Lookup = SyncFragmentStore::Lookup;
+  SyncFragmentStore::Fragment fragment;
+  Lookup found;
+  bool waiting = false;
+  size_t failed = 0;
   {
-    std::lock_guard<std::mutex> lock(fragment_mutex_);
-    auto by_id = fragment_map_.find(id);
-    if (by_id == fragment_map_.end()) {
-      missing = "sync_info id not found";
-    } else if (auto by_index = by_id->second.find(index); by_index == by_id->second.end()) {
-      missing = "sync_info index not found";
-    } else if (auto it = by_index->second.fragments.find(frag_index);
-               it == by_index->second.fragments.end()) {
-      missing = "fragment not found";
-    } else if (it->second.text.empty()) {
-      missing = "fragment msg is empty";
-    } else {
-      fragment = it->second;
+    std::lock_guard<std::mutex> lock(mutex_);
+    found = fragments_.find(id, index, frag_index, &fragment);
+    if (found == Lookup::Found) {
+      // A storm of nacks for one fragment asks for one resend, not one each.
+      waiting = std::any_of(failed_frames_.begin(), failed_frames_.end(), [&](const auto& f) {
+        return f.fragment.record == fragment.record && f.fragment.slice.index == frag_index;
+      });
+      if (!waiting) {
+        failed_frames_.push_back({{}, fragment, Processor::resultsOf(*fragment.record), 0, true});
+      }
+      failed = failed_frames_.size() + uploads_.size();
     }
   }
-  if (missing) {
+  if (found != Lookup::Found) {
+    const char* missing = found == Lookup::NoId      ? "sync_info id not found"
+                          : found == Lookup::NoIndex ? "sync_info index not found"
+                                                     : "fragment not found";
     ORVI_LOGE("id: %s, index: %lld, frag_total: %d, frag_index: %d, %s", id.c_str(), ll(index),
               frag_total, frag_index, missing);
     return;
   }
-  size_t failed;
-  {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    FailedEntry entry;
-    entry.results = std::move(fragment.results);
-    entry.message = std::move(fragment.text);
-    failed_queue_.push_back(std::move(entry));
-    failed = failed_queue_.size();
+  if (waiting) {
+    ORVI_LOGI(
+        "onNack, fragment already waiting to be sent again, id: %s, index: %lld, frag_index: %d",
+        id.c_str(), ll(index), frag_index);
+    return;
   }
   ORVI_LOGI(
       "onNack, ok! id: %s, index: %lld, frag_total: %d, frag_index: %d, failed queue size: %zu",
       id.c_str(), ll(index), frag_total, frag_index, failed);
-  // Without a sender thread every send happens at once, and so does this one.
-  if (send_interval_ms_ >= 1) {
-    flush();
-  } else {
-    sendImpl();
+  // Without a sender thread this does nothing: the fragment goes with the
+  // next round, which the next push starts.
+  flush();
+}
+
+void SyncQos::expireFragments() {
+  std::vector<SyncFragmentStore::Dropped> dropped;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    dropped = fragments_.expire(clock_());
+  }
+  reportDropped(dropped);
+}
+
+void SyncQos::reportDropped(const std::vector<SyncFragmentStore::Dropped>& dropped) {
+  for (const auto& record : dropped) {
+    ORVI_LOGW(
+        "SyncQos dropped the fragments of an unacknowledged record (%s), a nack can no longer be "
+        "served, id: %s, index: %lld",
+        record.reason, record.id.c_str(), ll(record.index));
+    notify(false, SentResults({SentResult(record.id, {record.index})}));
   }
 }
 
@@ -505,6 +634,26 @@ int64_t SyncQos::uploadBackoffMs(int32_t retries) const {
   return std::min(delay, kUploadBackoffCapMs);
 }
 
+void SyncQos::startUpload(idl::SyncInfo record) {
+  auto shared = std::make_shared<idl::SyncInfo>(std::move(record));
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Upload upload;
+    upload.record = shared;
+    upload.in_flight_deadline_ms = clock_() + kUploadInFlightTimeoutMs;
+    uploads_.push_back(std::move(upload));
+  }
+  uploadInner(shared);
+}
+
+bool SyncQos::eraseUpload(const idl::SyncInfo* record) {
+  const auto it = std::find_if(uploads_.begin(), uploads_.end(),
+                               [&](const Upload& u) { return u.record.get() == record; });
+  if (it == uploads_.end()) return false;
+  uploads_.erase(it);
+  return true;
+}
+
 void SyncQos::uploadInner(const std::shared_ptr<idl::SyncInfo>& record) {
   if (!record) {
     ORVI_LOGE("SyncQos uploadInner failed, info is null");
@@ -512,9 +661,9 @@ void SyncQos::uploadInner(const std::shared_ptr<idl::SyncInfo>& record) {
   }
   std::optional<SyncInfo> info;
   {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
     if (Processor::isUri(*record)) {
-      eraseUploadEntries(*record);
+      eraseUpload(record.get());
     } else {
       info = Processor::toUploadInfo(*record);
     }
@@ -527,7 +676,12 @@ void SyncQos::uploadInner(const std::shared_ptr<idl::SyncInfo>& record) {
   auto uploader = this->uploader();
   if (!uploader) {
     ORVI_LOGE("SyncQos uploadInner failed, file_uploader_ is null");
-    notify({{false, resultsOfRecord(*record)}});
+    bool settled;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      settled = eraseUpload(record.get());
+    }
+    if (settled) notify(false, Processor::resultsOf(*record));
     return;
   }
   std::weak_ptr<SyncQos> self = std::static_pointer_cast<SyncQos>(weak_from_this().lock());
@@ -542,100 +696,121 @@ void SyncQos::uploadInner(const std::shared_ptr<idl::SyncInfo>& record) {
 
 void SyncQos::onUploadSucceeded(const std::shared_ptr<idl::SyncInfo>& record,
                                 const std::string& uri) {
+  enum { kSend, kAlreadySent, kGivenUp } what;
   idl::SyncInfo resend;
-  bool already_sent;
   {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    // Two attempts of one record can both succeed (a retry started after the
-    // in-flight deadline); only the first sends the record.
-    already_sent = Processor::isUri(*record);
-    if (!already_sent) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (Processor::isUri(*record)) {
+      // Two attempts of one record can both succeed (a retry started after
+      // the in-flight deadline); only the first sends the record.
+      what = kAlreadySent;
+    } else if (!eraseUpload(record.get())) {
+      // Given up (and reported) before this answer came.
+      what = kGivenUp;
+    } else {
       record->content_type = Processor::kUri;
       record->content = uri;
-      eraseUploadEntries(*record);
       resend = *record;
+      what = kSend;
     }
   }
-  if (already_sent) {
+  if (what == kAlreadySent) {
     ORVI_LOGW("SyncQos upload success ignored, record already sent as uri, id: %s, index: %lld",
               record->id.c_str(), ll(record->index));
-    return;
+  } else if (what == kGivenUp) {
+    ORVI_LOGW("SyncQos upload success ignored, record already given up, id: %s, index: %lld",
+              record->id.c_str(), ll(record->index));
+  } else {
+    push(std::move(resend));
+    flush();
   }
-  push(std::move(resend));
-  flush();
 }
 
 void SyncQos::onUploadFailed(const std::shared_ptr<idl::SyncInfo>& record) {
-  std::vector<Outcome> dropped;
-  int32_t retries = 0;
+  int32_t exhausted = -1;
+  bool ignored = false;
   {
-    std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-    auto it = std::find_if(failed_queue_.begin(), failed_queue_.end(), [&](const FailedEntry& e) {
-      return e.kind == FailedEntry::Kind::UploadFailure && sameRecord(*e.record, *record);
-    });
-    if (it == failed_queue_.end()) {
-      FailedEntry entry;
-      entry.kind = FailedEntry::Kind::UploadFailure;
-      entry.results = resultsOfRecord(*record);
-      entry.record = record;
-      failed_queue_.push_back(std::move(entry));
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = std::find_if(uploads_.begin(), uploads_.end(),
+                           [&](const Upload& u) { return u.record == record; });
+    if (it == uploads_.end()) {
+      if (Processor::isUri(*record)) {
+        // A late failure of an attempt whose record went out meanwhile: the
+        // next round drops the entry as stale.
+        Upload stale;
+        stale.record = record;
+        stale.in_flight = false;
+        uploads_.push_back(std::move(stale));
+      } else {
+        ignored = true;
+      }
     } else if (it->retry_count >= failed_max_retry_count_) {
-      retries = it->retry_count;
-      dropped.push_back({false, it->results});
-      failed_queue_.erase(it);
+      exhausted = it->retry_count;
+      uploads_.erase(it);
     } else {
       it->in_flight = false;
-      it->next_retry_ms = clock_() + uploadBackoffMs(it->retry_count);
+      // A first failure is retried on the next round.
+      it->next_retry_ms = it->retry_count == 0 ? 0 : clock_() + uploadBackoffMs(it->retry_count);
     }
   }
-  if (dropped.empty()) return;
+  cv_.notify_all();  // a sleeping sender may now be due earlier
+  if (ignored) {
+    ORVI_LOGW("SyncQos upload failure ignored, record already given up, id: %s, index: %lld",
+              record->id.c_str(), ll(record->index));
+  }
+  if (exhausted < 0) return;
   ORVI_LOGE(
       "Upload retry count: %d reach failed_max_retry_count_: %d, drop! will not try any more!",
-      retries, failed_max_retry_count_);
-  notify(dropped);
+      exhausted, failed_max_retry_count_);
+  notify(false, Processor::resultsOf(*record));
 }
 
 void SyncQos::onUploadCanceled(const std::shared_ptr<idl::SyncInfo>& record) {
-  std::lock_guard<std::recursive_mutex> lock(failed_mutex_);
-  eraseUploadEntries(*record);
+  bool settled;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    settled = eraseUpload(record.get());
+  }
+  if (!settled) return;
+  ORVI_LOGW("SyncQos upload canceled, record not sent, id: %s, index: %lld", record->id.c_str(),
+            ll(record->index));
+  notify(false, Processor::resultsOf(*record));
 }
 
-void SyncQos::eraseUploadEntries(const idl::SyncInfo& record) {
-  failed_queue_.erase(std::remove_if(failed_queue_.begin(), failed_queue_.end(),
-                                     [&](const FailedEntry& e) {
-                                       return e.kind == FailedEntry::Kind::UploadFailure &&
-                                              sameRecord(*e.record, record);
-                                     }),
-                      failed_queue_.end());
+int64_t SyncQos::uploadDueMs(const Upload& upload) const {
+  const bool stale = Processor::isUri(*upload.record);
+  const bool first = upload.retry_count == 0;
+  if (stale || (!first && upload.retry_count >= failed_max_retry_count_)) return 0;
+  return std::max(upload.in_flight ? upload.in_flight_deadline_ms : 0, upload.next_retry_ms);
 }
 
-bool SyncQos::scheduleUploadRetry(FailedEntry& entry, int64_t now,
-                                  std::vector<std::shared_ptr<idl::SyncInfo>>& due,
-                                  std::vector<Outcome>& outcomes) {
-  const idl::SyncInfo& record = *entry.record;
-  if (Processor::isUri(record)) {
-    ORVI_LOGW("tryReSend skip stale upload retry, content is already uri, id: %s, index: %lld",
-              record.id.c_str(), ll(record.index));
-    return false;
+SyncQos::UploadPlan SyncQos::scheduleUploads(int64_t now) {
+  UploadPlan plan;
+  for (auto it = uploads_.begin(); it != uploads_.end();) {
+    Upload& upload = *it;
+    const bool waiting =
+        (upload.in_flight && now < upload.in_flight_deadline_ms) || now < upload.next_retry_ms;
+    bool remove = false;
+    if (Processor::isUri(*upload.record)) {
+      plan.stale.push_back(upload.record);
+      remove = true;
+    } else if (upload.retry_count == 0 && waiting) {
+      // The first attempt is still out; it has used no retry yet.
+    } else if (upload.retry_count >= failed_max_retry_count_) {
+      // Given up even while its last attempt is out; a late answer is ignored.
+      plan.exhausted.push_back(upload.record);
+      plan.exhausted_retries.push_back(upload.retry_count);
+      remove = true;
+    } else if (!waiting) {
+      ++upload.retry_count;
+      upload.in_flight = true;
+      upload.in_flight_deadline_ms = now + kUploadInFlightTimeoutMs;
+      upload.next_retry_ms = now + uploadBackoffMs(upload.retry_count);
+      plan.due.push_back(upload.record);
+    }
+    it = remove ? uploads_.erase(it) : std::next(it);
   }
-  // The last attempt is waited for like any other before the record is
-  // given up, so that a late success still goes out.
-  if ((entry.in_flight && now < entry.in_flight_deadline_ms) || now < entry.next_retry_ms) {
-    return true;
-  }
-  if (entry.retry_count >= failed_max_retry_count_) {
-    ORVI_LOGE(
-        "Upload retry count: %d reach failed_max_retry_count_: %d, drop! will not try any more!",
-        entry.retry_count, failed_max_retry_count_);
-    outcomes.push_back({false, entry.results});
-    return false;
-  }
-  ++entry.retry_count;
-  entry.in_flight = true;
-  entry.in_flight_deadline_ms = now + kUploadInFlightTimeoutMs;
-  entry.next_retry_ms = now + uploadBackoffMs(entry.retry_count);
-  due.push_back(entry.record);
-  return true;
+  return plan;
 }
 
 }  // namespace orvi

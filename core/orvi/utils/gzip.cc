@@ -6,17 +6,17 @@
 #include <cstring>
 #include <vector>
 
+#include "orvi/utils/gzip_deflate.h"
 #include "orvi/utils/logger.h"
 
 namespace orvi {
 namespace utils {
 namespace {
 
-constexpr int kGzipWindowBits = 15 + 16;      // 32 KiB window, gzip framing
+constexpr int kGzipWindowBits = 15 + 16;        // 32 KiB window, gzip framing
 constexpr int kAutoDetectWindowBits = 15 + 32;  // 32 KiB window, gzip or zlib
 constexpr size_t kInflateChunk = 32768;
 constexpr uint64_t kMaxInflateInput = 4294967295ULL;
-constexpr size_t kMaxInflateOutput = 2147483648ULL;
 
 }  // namespace
 
@@ -39,6 +39,12 @@ int compressEx(std::string& data) {
     return -3;
   }
 
+  const int result = deflateWhole(stream, data);
+  deflateEnd(&stream);
+  return result;
+}
+
+int deflateWhole(z_stream& stream, std::string& data) {
   const uLong bound = deflateBound(&stream, static_cast<uLong>(data.size()));
   std::string output(bound, '\0');
   stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
@@ -49,11 +55,9 @@ int compressEx(std::string& data) {
   const int ret = deflate(&stream, Z_FINISH);
   if (ret != Z_STREAM_END) {
     ORVI_LOGE("deflate failed, ret: %d", ret);
-    deflateEnd(&stream);
     return -4;
   }
   output.resize(bound - stream.avail_out);
-  deflateEnd(&stream);
 
   const size_t original = data.size();
   const float ratio = (static_cast<float>(original) - static_cast<float>(output.size())) * 100.0f /
@@ -64,7 +68,9 @@ int compressEx(std::string& data) {
   return static_cast<int>(data.size());
 }
 
-int decompressEx(std::string& data) {
+int decompressEx(std::string& data, size_t max_output) {
+  // The result is the length as an int: no limit can reach 2 GiB.
+  if (max_output > kMaxInflatedBytes) max_output = kMaxInflatedBytes;
   if (data.empty()) return -1;
   if (static_cast<uint64_t>(data.size()) > kMaxInflateInput) {
     ORVI_LOGE("inflate failed: input too large: %zu", data.size());
@@ -92,14 +98,16 @@ int decompressEx(std::string& data) {
       return -3;
     }
     const size_t produced = chunk.size() - stream.avail_out;
+    // Checked before the chunk is kept: memory never grows past the limit.
+    if (produced > max_output - output.size()) {
+      ORVI_LOGE("inflate failed: output too large: %zu", output.size() + produced);
+      inflateEnd(&stream);
+      return -5;
+    }
     output.append(reinterpret_cast<const char*>(chunk.data()), produced);
 
     if (ret == Z_STREAM_END) {
       inflateEnd(&stream);
-      if (output.size() >= kMaxInflateOutput) {
-        ORVI_LOGE("inflate failed: output too large: %zu", output.size());
-        return -5;
-      }
       ORVI_LOGI("tryDecompress gzip, compressed: %zu, decompressed: %zu", data.size(),
                 output.size());
       data.swap(output);

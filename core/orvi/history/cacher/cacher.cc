@@ -1,10 +1,12 @@
 #include "orvi/history/cacher/cacher.h"
 
+#include <algorithm>
 #include <exception>
 #include <limits>
 #include <optional>
 #include <utility>
 
+#include "orvi/history/cacher/guarded_call.h"
 #include "orvi/utils/file_utils.h"
 #include "orvi/utils/logger.h"
 
@@ -92,17 +94,27 @@ std::shared_ptr<ISqlExecutor> Cacher::executor() const {
 }
 
 std::vector<ConversationInfo> Cacher::queryConversations() {
+  std::vector<ConversationInfo> conversations;
+  queryConversations(conversations);
+  return conversations;
+}
+
+bool Cacher::queryConversations(std::vector<ConversationInfo>& out) {
+  out.clear();
   auto target = executor();
   if (!target) {
     ORVI_LOGE("query conversations failed, sql executor is null");
-    return {};
+    return false;
   }
   ConversationListQueryResult result;
-  if (!target->queryConversations(result, 1, std::nullopt, std::nullopt)) {
+  if (!guardedCall("query conversations", [&] {
+        return target->queryConversations(result, 1, std::nullopt, std::nullopt);
+      })) {
     ORVI_LOGE("query conversations failed");
-    return {};
+    return false;
   }
-  return std::move(result.conversations);
+  out = std::move(result.conversations);
+  return true;
 }
 
 std::vector<MessageRecord> Cacher::queryMessages(const std::string& local_conversation_id) {
@@ -113,7 +125,9 @@ std::vector<MessageRecord> Cacher::queryMessages(const std::string& local_conver
     return {};
   }
   MessageQueryResult result;
-  if (!target->queryMessages(result, local_conversation_id, 1, std::nullopt, std::nullopt)) {
+  if (!guardedCall("query messages", [&] {
+        return target->queryMessages(result, local_conversation_id, 1, std::nullopt, std::nullopt);
+      })) {
     ORVI_LOGE("query messages of conversation(%s) failed", local_conversation_id.c_str());
     return {};
   }
@@ -129,7 +143,9 @@ MessageQueryResult Cacher::queryMessages(const std::string& local_conversation_i
     return {};
   }
   MessageQueryResult result;
-  if (!target->queryMessages(result, local_conversation_id, 0, cursor, count)) {
+  if (!guardedCall("query message page", [&] {
+        return target->queryMessages(result, local_conversation_id, 0, cursor, count);
+      })) {
     ORVI_LOGE("query message page of conversation(%s) failed", local_conversation_id.c_str());
     return {};
   }
@@ -144,54 +160,105 @@ void Cacher::post(Task task) {
   queue_->wake.notify_one();
 }
 
-void Cacher::postWrite(const char* operation, std::function<void(ISqlExecutor&)> write) {
+void Cacher::postWrite(const char* operation, Write write) {
   auto target = executor();
   if (!target) {
     ORVI_LOGE("%s failed, sql executor is null", operation);
     return;
   }
-  post([target = std::move(target), write = std::move(write)] { write(*target); });
+  Task task;
+  task.operation = operation;
+  task.target = std::move(target);
+  task.write = std::move(write);
+  post(std::move(task));
 }
 
 void Cacher::saveConversations(std::vector<ConversationInfo> conversations) {
   postWrite("save conversations", [conversations = std::move(conversations)](ISqlExecutor& sql) {
-    sql.saveConversations(conversations);
+    return sql.saveConversations(conversations);
   });
 }
 
 void Cacher::deleteConversations(std::vector<std::string> local_conversation_ids) {
+  const auto empty = std::remove(local_conversation_ids.begin(), local_conversation_ids.end(), "");
+  if (empty != local_conversation_ids.end()) {
+    ORVI_LOGE("delete conversations: %zu empty local conversation id(s) left out",
+              static_cast<size_t>(local_conversation_ids.end() - empty));
+    local_conversation_ids.erase(empty, local_conversation_ids.end());
+  }
+  if (local_conversation_ids.empty()) return;
   postWrite("delete conversations", [ids = std::move(local_conversation_ids)](ISqlExecutor& sql) {
-    sql.deleteConversations(ids);
+    return sql.deleteConversations(ids);
   });
 }
 
 void Cacher::updateConversations(std::vector<ConversationInfo> conversations) {
   postWrite("update conversations", [conversations = std::move(conversations)](ISqlExecutor& sql) {
-    sql.updateConversations(conversations);
+    return sql.updateConversations(conversations);
   });
 }
 
 void Cacher::insertMessage(MessageRecord record) {
+  if (record.local_conversation_id.empty()) {
+    ORVI_LOGE("insert message refused, local_conversation_id is empty, type: %s",
+              record.type.c_str());
+    return;
+  }
   postWrite("insert message",
-            [record = std::move(record)](ISqlExecutor& sql) { sql.insertMessage(record); });
+            [record = std::move(record)](ISqlExecutor& sql) { return sql.insertMessage(record); });
 }
 
 void Cacher::removeMessages(const std::string& local_conversation_id) {
+  if (local_conversation_id.empty()) {
+    ORVI_LOGE("remove messages refused, local_conversation_id is empty");
+    return;
+  }
   postWrite("remove messages", [id = local_conversation_id](ISqlExecutor& sql) {
-    sql.removeMessages(id, "", "", "");
+    const bool removed = sql.removeMessages(id, "", "", "");
     ORVI_LOGI("messages of conversation(%s) are removed", id.c_str());
+    return removed;
   });
 }
 
 void Cacher::removeMessage(const std::string& local_conversation_id,
                            const std::string& local_message_id) {
-  postWrite("remove message", [id = local_conversation_id, message = local_message_id](
-                                  ISqlExecutor& sql) { sql.removeMessages(id, "", message, ""); });
+  if (local_conversation_id.empty() || local_message_id.empty()) {
+    ORVI_LOGE("remove message refused, local_conversation_id: %s, local_message_id: %s",
+              local_conversation_id.c_str(), local_message_id.c_str());
+    return;
+  }
+  postWrite("remove message",
+            [id = local_conversation_id, message = local_message_id](ISqlExecutor& sql) {
+              return sql.removeMessages(id, "", message, "");
+            });
+}
+
+void Cacher::removeMessageById(const std::string& local_conversation_id,
+                               const std::string& message_id, const std::string& local_section_id) {
+  if (local_conversation_id.empty() || message_id.empty() || local_section_id.empty()) {
+    ORVI_LOGE(
+        "remove message refused, local_conversation_id: %s, message_id: %s, "
+        "local_section_id: %s",
+        local_conversation_id.c_str(), message_id.c_str(), local_section_id.c_str());
+    return;
+  }
+  postWrite("remove message",
+            [id = local_conversation_id, message = message_id, section = local_section_id](
+                ISqlExecutor& sql) { return sql.removeMessages(id, message, "", section); });
 }
 
 void Cacher::updateMessage(MessageRecord record) {
+  if (record.local_conversation_id.empty() ||
+      (record.local_message_id.empty() && record.message_id.empty())) {
+    ORVI_LOGE(
+        "update message refused, local_conversation_id: %s, message_id: %s, "
+        "local_message_id: %s",
+        record.local_conversation_id.c_str(), record.message_id.c_str(),
+        record.local_message_id.c_str());
+    return;
+  }
   postWrite("update message",
-            [record = std::move(record)](ISqlExecutor& sql) { sql.updateMessage(record); });
+            [record = std::move(record)](ISqlExecutor& sql) { return sql.updateMessage(record); });
 }
 
 int64_t Cacher::nowTicks() {
@@ -217,33 +284,98 @@ void Cacher::removeExpiredConversations() {
 }
 
 bool Cacher::waitForWrites(std::chrono::milliseconds timeout) {
+  return waitFor(timeout, false);
+}
+
+bool Cacher::waitWhileProgressing(std::chrono::milliseconds stall) {
+  return waitFor(stall, true);
+}
+
+bool Cacher::waitFor(std::chrono::milliseconds patience, bool while_progressing) {
   if (std::this_thread::get_id() == worker_.get_id()) {
     ORVI_LOGE("waitForWrites called on the io worker, which cannot wait for itself");
     return false;
   }
-  struct Marker {
-    std::mutex mutex;
-    std::condition_variable reached_cv;
-    bool reached = false;  // guarded by mutex
-  };
-  auto marker = std::make_shared<Marker>();
-  post([marker] {
-    {
-      std::lock_guard<std::mutex> lock(marker->mutex);
-      marker->reached = true;
+  auto barrier = std::make_shared<Barrier>();
+  Task task;
+  task.operation = "wait for writes";
+  task.barrier = barrier;
+  post(std::move(task));
+
+  std::unique_lock<std::mutex> lock(barrier->mutex);
+  uint64_t finished = queue_->finished.load();
+  for (;;) {
+    if (barrier->reached_cv.wait_for(lock, patience, [&] { return barrier->reached; })) {
+      return barrier->written;
     }
-    marker->reached_cv.notify_all();
-  });
-  std::unique_lock<std::mutex> lock(marker->mutex);
-  return marker->reached_cv.wait_for(lock, timeout, [&] { return marker->reached; });
+    const uint64_t now = queue_->finished.load();
+    if (!while_progressing || now == finished) break;
+    finished = now;
+  }
+  // The worker will pass the barrier later without reporting to anyone, so
+  // a failure before it stays for the next waiter.
+  barrier->abandoned = true;
+  return false;
 }
 
+// The group the worker has open, if any. Consecutive writes to an executor
+// that groups run inside one group; a write to another executor, a full
+// group, an empty queue, a barrier and the stop end it.
+class Cacher::WriteGroup {
+ public:
+  explicit WriteGroup(size_t& failures) : failures_(failures) {}
+  WriteGroup(const WriteGroup&) = delete;
+  WriteGroup& operator=(const WriteGroup&) = delete;
+
+  bool isOpen() const { return groups_ != nullptr; }
+  bool full() const { return writes_ >= kMaxGroupWrites; }
+
+  void run(const Task& task) {
+    if (isOpen() && target_ != task.target) close();
+    if (!isOpen()) open(task.target);
+    ++writes_;
+    if (!guardedCall("ioWorker task", [&] { return task.write(*task.target); })) {
+      ORVI_LOGE("%s failed in the sql executor", task.operation);
+      ++failures_;
+    }
+  }
+
+  void close() {
+    if (!isOpen()) return;
+    ISqlWriteGroups* groups = std::exchange(groups_, nullptr);
+    const auto target = std::move(target_);
+    if (!guardedCall("ioWorker task", [&] { return groups->endWriteGroup(); })) {
+      ORVI_LOGE("a group of %zu write(s) was not committed", writes_);
+      ++failures_;
+    }
+    writes_ = 0;
+  }
+
+ private:
+  void open(const std::shared_ptr<ISqlExecutor>& target) {
+    writes_ = 0;
+    auto* groups = dynamic_cast<ISqlWriteGroups*>(target.get());
+    if (!groups || !guardedCall("ioWorker task", [&] { return groups->beginWriteGroup(); })) return;
+    groups_ = groups;
+    target_ = target;
+  }
+
+  size_t& failures_;
+  std::shared_ptr<ISqlExecutor> target_;  // kept alive while its group is open
+  ISqlWriteGroups* groups_ = nullptr;     // target_ as ISqlWriteGroups, while a group is open
+  size_t writes_ = 0;                     // writes run since the group opened
+};
+
 void Cacher::ioWorker(std::shared_ptr<WorkQueue> queue) {
+  size_t failures = 0;  // failed writes no waiter has been told of yet
+  WriteGroup group(failures);
   std::unique_lock<std::mutex> lock(queue->mutex);
-  for (;;) {
-    if (queue->stop) {
-      ORVI_LOGW("ioWorker stop..");
-      return;
+  while (!queue->stop) {
+    if (group.isOpen() && (queue->tasks.empty() || group.full())) {
+      lock.unlock();
+      group.close();
+      lock.lock();
+      continue;
     }
     if (queue->tasks.empty()) {
       queue->wake.wait(lock);
@@ -252,21 +384,31 @@ void Cacher::ioWorker(std::shared_ptr<WorkQueue> queue) {
     Task task = std::move(queue->tasks.front());
     queue->tasks.pop_front();
     lock.unlock();
-    if (!task) {
+    if (task.barrier) {
+      group.close();
+      Barrier& barrier = *task.barrier;
+      {
+        std::lock_guard<std::mutex> reached(barrier.mutex);
+        if (!barrier.abandoned) {
+          barrier.reached = true;
+          barrier.written = failures == 0;
+          failures = 0;
+        }
+      }
+      barrier.reached_cv.notify_all();
+    } else if (!task.write || !task.target) {
       ORVI_LOGW("ioWorker get empty task..");
     } else {
-      // A throwing executor must not take the process down with the worker.
-      try {
-        task();
-      } catch (const std::exception& e) {
-        ORVI_LOGE("ioWorker task failed: %s", e.what());
-      } catch (...) {
-        ORVI_LOGE("ioWorker task failed with an unknown exception");
-      }
+      group.run(task);
     }
-    task = nullptr;  // release the task's data before taking the lock again
+    task = Task();  // release the task's data before taking the lock again
+    queue->finished.fetch_add(1);
     lock.lock();
   }
+  lock.unlock();
+  // Stopping at once: what already ran is committed, the rest is dropped.
+  group.close();
+  ORVI_LOGW("ioWorker stop..");
 }
 
 }  // namespace orvi

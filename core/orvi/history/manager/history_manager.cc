@@ -23,13 +23,32 @@ void sortConversations(std::vector<ConversationInfo>& conversations) {
 
 }  // namespace
 
-HistoryManager::HistoryManager() = default;
+HistoryManager::HistoryManager(std::chrono::milliseconds init_stall) : init_stall_(init_stall) {}
 
-HistoryManager::~HistoryManager() { ORVI_LOGI("HistoryManager::~HistoryManager"); }
+HistoryManager::~HistoryManager() {
+  ORVI_LOGI("HistoryManager::~HistoryManager");
+}
 
 bool HistoryManager::init(const std::string& cache_path, std::shared_ptr<ISqlExecutor> executor,
                           int64_t retention_days, bool enable_merge) {
-  if (cacher_ && cacher_->inited()) {
+  bool idle = false;
+  if (!initialising_.compare_exchange_strong(idle, true)) {
+    ORVI_LOGE("HistoryManager init is already running");
+    return false;
+  }
+  const bool inited = initOnce(cache_path, std::move(executor), retention_days, enable_merge);
+  initialising_.store(false);
+  return inited;
+}
+
+bool HistoryManager::initOnce(const std::string& cache_path, std::shared_ptr<ISqlExecutor> executor,
+                              int64_t retention_days, bool enable_merge) {
+  bool already = false;
+  {
+    std::lock_guard<std::mutex> lock(cacher_mutex_);
+    already = cacher_ != nullptr;
+  }
+  if (already) {
     ORVI_LOGE("HistoryManager is already inited");
     return false;
   }
@@ -42,39 +61,64 @@ bool HistoryManager::init(const std::string& cache_path, std::shared_ptr<ISqlExe
   auto cacher = std::make_shared<Cacher>(cache_path, retention_days);
   const bool has_executor = executor != nullptr;
   cacher->registerSqlExecutor(std::move(executor));
-  cacher_ = cacher;
-  // Without an executor there is no history to keep; failing here lets the
-  // host configure again with one.
-  if (!has_executor || !cacher->init()) return false;
-
-  // Each step reads what the previous one queued, and reads may overtake
-  // queued writes: let each step's writes land first.
-  constexpr std::chrono::seconds kStepTimeout(30);
-  cacher->firstMigrationToDb();
-  cacher->waitForWrites(kStepTimeout);
-  cacher->removeExpiredConversations();
-  cacher->waitForWrites(kStepTimeout);
-  auto loaded = cacher->queryConversations();
+  if (!cacher->init()) return false;
+  if (!has_executor) {
+    // Without a store there is no history to keep; failing here lets the
+    // host configure again with one.
+    ORVI_LOGE("sql executor is null, u need register it before config.");
+    return false;
+  }
+  // A failed init keeps nothing, so that the next one starts afresh.
+  if (!prepare(*cacher)) return false;
   size_t count = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    conversations_ = std::move(loaded);
     count = conversations_.size();
+  }
+  {
+    std::lock_guard<std::mutex> lock(cacher_mutex_);
+    cacher_ = std::move(cacher);
   }
   ORVI_LOGI("init success, loaded %zu conversations", count);
   return true;
 }
 
+bool HistoryManager::prepare(Cacher& cacher) {
+  // Each step reads what the previous one queued, and reads may overtake
+  // queued writes: let each step's writes land first. An import can be
+  // long, so the wait has no limit as long as the store keeps writing; that
+  // also keeps its "done" mark from being dropped at an early exit.
+  const auto settle = [&](const char* step) {
+    if (!cacher.waitWhileProgressing(init_stall_)) {
+      ORVI_LOGE("the writes of the %s are not all done, init goes on", step);
+    }
+  };
+  cacher.firstMigrationToDb();
+  settle("legacy migration");
+  cacher.removeExpiredConversations();
+  settle("expiry pass");
+  std::vector<ConversationInfo> loaded;
+  if (!cacher.queryConversations(loaded)) return false;
+  std::lock_guard<std::mutex> lock(mutex_);
+  conversations_ = std::move(loaded);
+  return true;
+}
+
 std::shared_ptr<Cacher> HistoryManager::readyCacher(const char* operation) {
-  if (!cacher_) {
+  std::shared_ptr<Cacher> cacher;
+  {
+    std::lock_guard<std::mutex> lock(cacher_mutex_);
+    cacher = cacher_;
+  }
+  if (!cacher) {
     ORVI_LOGE("%s failed, cacher_ is null", operation);
     return nullptr;
   }
-  if (!cacher_->inited()) {
+  if (!cacher->inited()) {
     ORVI_LOGE("%s failed, cacher_ is not inited", operation);
     return nullptr;
   }
-  return cacher_;
+  return cacher;
 }
 
 std::vector<ConversationInfo>::iterator HistoryManager::findLocked(
@@ -86,8 +130,7 @@ std::vector<ConversationInfo>::iterator HistoryManager::findLocked(
 }
 
 void HistoryManager::addConversation(const std::string& local_conversation_id,
-                                     const std::string& conversation_id,
-                                     const std::string& name) {
+                                     const std::string& conversation_id, const std::string& name) {
   auto cacher = readyCacher("addConversation");
   if (!cacher) return;
   std::vector<ConversationInfo> snapshot;
@@ -277,11 +320,21 @@ void HistoryManager::deleteMessage(const std::string& local_conversation_id,
   cacher->removeMessage(local_conversation_id, local_message_id);
 }
 
+void HistoryManager::deleteMessageById(const std::string& local_conversation_id,
+                                       const std::string& message_id,
+                                       const std::string& local_section_id) {
+  auto cacher = readyCacher("deleteMessageById");
+  if (!cacher) return;
+  ORVI_LOGI("remove message, local_conversation_id: %s, message_id: %s, local_section_id: %s",
+            local_conversation_id.c_str(), message_id.c_str(), local_section_id.c_str());
+  cacher->removeMessageById(local_conversation_id, message_id, local_section_id);
+}
+
 void HistoryManager::mergeMessage(const std::string& local_conversation_id,
                                   const std::vector<MessagePtr>& messages) {
-  if (!enable_merge_) return;
+  // The switch is read after the cacher, which init publishes after it.
   auto cacher = readyCacher("mergeMessage");
-  if (!cacher) return;
+  if (!cacher || !enable_merge_) return;
   std::unordered_set<std::string> stored_ids;
   std::unordered_set<std::string> stored_local_ids;
   for (const auto& record : cacher->queryMessages(local_conversation_id)) {
@@ -294,8 +347,9 @@ void HistoryManager::mergeMessage(const std::string& local_conversation_id,
       continue;
     }
     const MessageEnvelope& ids = message->envelope();
-    const bool stored = (!ids.message_id.empty() && stored_ids.count(ids.message_id)) ||
-                        (!ids.local_message_id.empty() && stored_local_ids.count(ids.local_message_id));
+    const bool stored =
+        (!ids.message_id.empty() && stored_ids.count(ids.message_id)) ||
+        (!ids.local_message_id.empty() && stored_local_ids.count(ids.local_message_id));
     if (stored) {
       updateMessage(message);
     } else {
@@ -304,9 +358,9 @@ void HistoryManager::mergeMessage(const std::string& local_conversation_id,
   }
 }
 
-bool HistoryManager::flush() {
+bool HistoryManager::flush(std::chrono::milliseconds timeout) {
   auto cacher = readyCacher("flush");
-  return cacher && cacher->waitForWrites(std::chrono::seconds(30));
+  return cacher && cacher->waitForWrites(timeout);
 }
 
 }  // namespace orvi

@@ -96,7 +96,6 @@ class MessageEngine {
   MessagePtr enqueueDelta(const MessagePtr& message);
   MessagePtr enqueueSystem(const MessagePtr& message);
   MessagePtr enqueueCustom(const MessagePtr& message);
-  void patchLocked(const DeltaMessageWrapper& delta);
 
   const std::string local_conversation_id_;
 

@@ -16,13 +16,27 @@
 namespace orvi {
 namespace {
 
+// decompressEx's code for output past its limit.
+constexpr int kInflatedPastLimit = -5;
+
 bool isRemoteFrame(const idl::Json& json) {
   return json.is_object() && (json.contains("event") || json.contains("content"));
 }
 
-// Parses a REST reply body into its record; false (logged) on a JSON error.
+// A REST body too long to be worth parsing is refused before the parser
+// builds a tree several times its size.
+bool replyWithinLimit(const std::string& body) {
+  if (body.size() <= kMaxReplyBytes) return true;
+  ORVI_LOGE("Refused a REST reply of %zu bytes, longer than the limit of %zu bytes", body.size(),
+            kMaxReplyBytes);
+  return false;
+}
+
+// Parses a REST reply body into its record; false (logged) on a JSON error
+// or a body over the limit.
 template <typename Record>
 bool readReply(const std::string& body, Record& record) {
+  if (!replyWithinLimit(body)) return false;
   try {
     record = idl::fromText<Record>(body);
     return true;
@@ -64,14 +78,32 @@ MessageRecord recordOf(const MessageBase& message, std::string content, int64_t 
 
 }  // namespace
 
+MessagePtr MessageProcessor::parse(const std::string& text, size_t max_frame_bytes) {
+  if (text.size() > max_frame_bytes) {
+    ORVI_LOGE("Refused a frame of %zu bytes, longer than the limit of %zu bytes", text.size(),
+              max_frame_bytes);
+    return nullptr;
+  }
+  return _parseWithin(text, max_frame_bytes);
+}
+
 MessagePtr MessageProcessor::parse(const std::string& text) {
+  return _parseWithin(text, kDefaultMaxDownlinkFrameBytes);
+}
+
+MessagePtr MessageProcessor::_parseWithin(const std::string& text, size_t max_inflated_bytes) {
   try {
     const idl::Json json = parseUntrustedJson(text);
     if (!isRemoteFrame(json)) return _parseLocalMessage(json);
     auto frame = json.get<idl::DownlinkMessage>();
-    if (frame.compression) _unCompressContent(frame.content, *frame.compression);
+    if (frame.compression &&
+        !_unCompressContent(frame.content, *frame.compression, max_inflated_bytes)) {
+      return nullptr;
+    }
     return _parseRemoteMessage(frame);
   } catch (const std::exception& e) {
+    // The text as it came: a tree printed back could be huge, and would not
+    // show what the sender sent.
     ORVI_LOG_JSON_ERROR(e, text);
     return nullptr;
   }
@@ -152,25 +184,29 @@ void MessageProcessor::_classifyMessage(AssistantMessageWrapper& message) {
   }
 }
 
-void MessageProcessor::_unCompressContent(std::string& content,
-                                          const idl::Compression& compression) {
+bool MessageProcessor::_unCompressContent(std::string& content, const idl::Compression& compression,
+                                          size_t max_bytes) {
   if (compression.algo.empty()) {
     ORVI_LOGW("Compression algo is empty");
-    return;
+    return true;
   }
   if (compression.algo != "gzip") {
     ORVI_LOGW("Unsupported compression algo: %s", compression.algo.c_str());
-    return;
+    return true;
   }
   const size_t original = content.size();
   content = utils::base64Decode(content);
-  const int ret = utils::decompressEx(content);
+  const int ret = utils::decompressEx(content, max_bytes);
   if (ret > 0) {
     ORVI_LOGI("Successfully uncompress content, original size: %zu, uncompressed size: %zu",
               original, content.size());
-  } else {
-    ORVI_LOGE("Failed to uncompress content, ret: %d", ret);
+    return true;
   }
+  ORVI_LOGE("Failed to uncompress content, ret: %d", ret);
+  if (ret != kInflatedPastLimit) return true;  // what is left fails to read, and says so
+  ORVI_LOGE("Refused a compressed frame: its content inflates past the limit of %zu bytes",
+            max_bytes);
+  return false;
 }
 
 bool MessageProcessor::isMatchAssistantMessage(const std::string& text,
@@ -322,8 +358,13 @@ RecoverSectionResult MessageProcessor::recoverSection(const std::string& body) {
   ORVI_LOGI("Recover section, ret: %s, errmsg: %s, log_id: %s", reply.ret.c_str(),
             reply.errmsg.c_str(), reply.log_id.c_str());
   if (reply.ret != "0") return result;
-  result.valid = true;
-  result.section = _toRecoveredSection(reply.data);
+  try {
+    result.section = _toRecoveredSection(reply.data);
+    result.valid = true;
+  } catch (const std::exception& e) {
+    ORVI_LOG_JSON_ERROR(e, body);
+    result = RecoverSectionResult();
+  }
   return result;
 }
 
@@ -337,17 +378,26 @@ RecoverSectionsResult MessageProcessor::recoverSections(const std::string& body)
       reply.ret.c_str(), reply.errmsg.c_str(), reply.log_id.c_str(), reply.data.section_list.size(),
       reply.data.has_more ? 1 : 0, reply.data.next_cursor.c_str());
   if (reply.ret != "0") return result;
+  try {
+    for (const auto& data : reply.data.section_list) {
+      result.sections.push_back(_toRecoveredSection(data));
+    }
+  } catch (const std::exception& e) {
+    ORVI_LOG_JSON_ERROR(e, body);
+    return RecoverSectionsResult();
+  }
   result.valid = true;
   result.has_more = reply.data.has_more;
   result.next_cursor = reply.data.next_cursor;
-  for (const auto& data : reply.data.section_list) {
-    result.sections.push_back(_toRecoveredSection(data));
-  }
   return result;
 }
 
 ConversationListInfo MessageProcessor::parseConversationListResp(const std::string& body) {
   ConversationListInfo page;
+  if (!replyWithinLimit(body)) {
+    page.error = ErrorInfo("-1", "reply longer than " + std::to_string(kMaxReplyBytes) + " bytes");
+    return page;
+  }
   idl::ConversationListResponse reply;
   try {
     reply = idl::fromText<idl::ConversationListResponse>(body);

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "orvi/message/engine/patched_document.h"
+#include "orvi/message/engine/streaming_document.h"
 #include "orvi/message/processor/wire_records.h"
 #include "orvi/message/wrapper/message_base.h"
 #include "orvi/message_types.h"
@@ -33,21 +33,26 @@ class AssistantMessageWrapper : public MessageBase {
   bool unmarshal(const std::string& text) override;
 
   const std::shared_ptr<AssistantMessage>& message() const { return message_; }
-  void setMessage(std::shared_ptr<AssistantMessage> message) { message_ = std::move(message); }
+  // A new record starts a new streaming document.
+  void setMessage(std::shared_ptr<AssistantMessage> message) {
+    message_ = std::move(message);
+    streaming_document_.reset();
+  }
   const idl::Message& wire() const { return wire_; }
   RoleText roleText() const { return role_text_; }
   // An acknowledgement settles a sent user message; it is not an answer and
   // has no public record.
   bool isAcknowledgement() const { return acknowledgement_; }
   void markAcknowledgement() { acknowledgement_ = true; }
-  // The parsed payload that delta patching keeps (MessageEngine::patch).
-  PatchedDocument& patchCache() { return patch_cache_; }
+  // The parsed payload kept for delta patching (MessageEngine::patch), which
+  // guards it with the engine's lock.
+  StreamingDocument& streamingDocument() { return streaming_document_; }
 
  private:
   idl::Message wire_;
   RoleText role_text_ = RoleText::Absent;
   bool acknowledgement_ = false;
-  PatchedDocument patch_cache_;
+  StreamingDocument streaming_document_;
   std::shared_ptr<AssistantMessage> message_;
 };
 

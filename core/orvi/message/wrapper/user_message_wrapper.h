@@ -32,8 +32,9 @@ class UserMessageWrapper : public MessageBase {
   // The uplink frame as it stands now (ids and public fields included).
   std::string marshal() const override;
   bool unmarshal(const std::string& text) override;
-  // As above, from JSON already parsed. A badly typed record throws the JSON
-  // library's exception, for the caller to log with the text it parsed.
+  // As above, from JSON already parsed. A badly typed member throws the
+  // JSON library's type error: the caller holds the text the tree came from
+  // and logs that, never a re-serialisation of the tree.
   bool unmarshal(const idl::Json& json);
 
   const std::shared_ptr<UserMessage>& message() const { return message_; }

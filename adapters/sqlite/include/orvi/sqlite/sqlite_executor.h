@@ -5,8 +5,11 @@
 // Threading: writes (from the library's I/O worker) and reads (from host
 // threads) may run at the same time; they use two connections to the file,
 // each behind its own mutex, and the file is in WAL mode so that a read never
-// waits for a write. The error sink is called with no lock held. The executor
-// owns both connections and closes them when destroyed.
+// waits for a write. The library's worker groups its writes into one
+// transaction each (ISqlWriteGroups); a write from any other thread waits
+// until the open group has ended and runs in a transaction of its own. The
+// error sink is called with no lock held. The executor owns both connections
+// and closes them when destroyed.
 #pragma once
 
 #include <functional>
@@ -20,13 +23,13 @@
 namespace orvi {
 namespace sqlite {
 
-class SqliteExecutor : public ISqlExecutor {
+class SqliteExecutor : public ISqlExecutor, public ISqlWriteGroups {
  public:
   using ErrorSink = std::function<void(const std::string& message)>;
 
-  // The schema version this build writes; open() refuses a file with a
-  // newer one.
-  static constexpr int kSchemaVersion = 1;
+  // The schema version this build writes; open() upgrades a file with an
+  // older one and refuses a file with a newer one.
+  static constexpr int kSchemaVersion = 2;
 
   // Opens the database at `path`, creating the file and the schema when
   // missing. Returns nullptr, and the reason in *error when `error` is not
@@ -59,6 +62,14 @@ class SqliteExecutor : public ISqlExecutor {
   bool updateMessage(const MessageRecord& record) override;
   bool isMigrated() override;
   bool setMigrated(bool migrated) override;
+
+  // One transaction around the writes in between, made by the calling thread
+  // (each write in it is atomic on its own: a failed one leaves the others).
+  // endWriteGroup commits; false when the group could not be committed, or
+  // when a failure ended its transaction early (the writes of the group are
+  // then all rolled back, and the ones after the failure were refused).
+  bool beginWriteGroup() override;
+  bool endWriteGroup() override;
 
  private:
   struct Impl;
