@@ -147,6 +147,26 @@ TEST_F(ConversationLifecycleTest, ListingAndRemovingOnTheServer) {
   ASSERT_TRUE(server_->drain());
   EXPECT_EQ(hub_listener->results, (std::vector<bool>{true, false}));
   EXPECT_EQ(hub_->list().size(), 1u);
+
+  // A host that answers every request twice: each answer reaches the
+  // callback once.
+  server_->answers_per_request = 2;
+  EXPECT_TRUE(hub_->listRemote("", 20, true, pages));
+  hub_->history()->addConversation("twice", "c-r1", "");
+  EXPECT_TRUE(hub_->remove("twice"));
+  ASSERT_TRUE(server_->drain());
+  EXPECT_EQ(pages->pages.size(), 2u);
+  EXPECT_EQ(hub_listener->results, (std::vector<bool>{true, false, true}));
+  EXPECT_EQ(log_->countContaining("http callback answered again, ignored"), 2u);
+
+  // One the server never named is removed locally at once: the server is
+  // not asked to delete a local id.
+  const size_t asked = server_->requests().size();
+  hub_->history()->addConversation("local-only", "", "");
+  EXPECT_TRUE(hub_->remove("local-only"));
+  EXPECT_EQ(server_->requests().size(), asked);
+  EXPECT_EQ(hub_listener->results, (std::vector<bool>{true, false, true, true}));
+  for (const auto& info : hub_->list()) EXPECT_NE(info.local_conversation_id, "local-only");
 }
 
 TEST_F(ConversationLifecycleTest, ConfigOnceAndRetryAfterFailure) {
@@ -249,6 +269,21 @@ TEST_F(ConversationLifecycleTest, RecoveryAnswersThatFailOrComeTooLate) {
   }
   EXPECT_TRUE(listener_->calls().assistant_messages.empty());  // nothing from a cancelled answer
   EXPECT_TRUE(log_->countContaining("recover section status invalid, status: 9"));
+
+  // An answer given twice counts once: no second status, no "cancelled".
+  const size_t before = listener_->calls().recover_statuses.size();
+  const size_t cancelled = log_->countContaining("is cancelled");
+  server_->hold_requests = false;
+  server_->answers_per_request = 2;
+  server_->setRestScript(
+      [](const HttpRequest&) { return std::string(R"({"ret":"0","data":{"status":0,"message_list":[]}})"); });
+  ASSERT_TRUE(conversation->recoverRemoteSection());
+  ASSERT_TRUE(server_->drain());
+  ASSERT_TRUE(waitFor([&](const Calls& calls) { return calls.recover_statuses.size() == before + 1; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(listener_->calls().recover_statuses.size(), before + 1);
+  EXPECT_EQ(listener_->calls().recover_statuses.back().status, RecoverStatus::Completed);
+  EXPECT_EQ(log_->countContaining("is cancelled"), cancelled);
 }
 
 class CollectingFetch : public IFetchMessageCallback {

@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "orvi/utils/clock.h"
 #include "support/recording_listener.h"
 #include "support/recording_log_handler.h"
 
@@ -33,8 +34,8 @@ std::string shown(const RecordingListener::TraceEvent& event) {
   auto json = Json::parse(event.json);
   const int64_t start = json["start_ts"], end = json["end_ts"];
   EXPECT_GT(start, 0);
-  EXPECT_EQ(end >= start, json["action"] == "finish") << end;  // no end before the finish
-  EXPECT_EQ(json["section_cost_ms"].get<int64_t>(), end == 0 ? 0 : end - start);  // 0 until it ends
+  EXPECT_GE(end, start);  // the moment of the latest fact counted
+  EXPECT_GE(json["section_cost_ms"].get<int64_t>(), 0);
   json["start_ts"] = json["end_ts"] = json["section_cost_ms"] = 0;
   return event.name + " " + json.dump();
 }
@@ -55,14 +56,14 @@ TEST(ReporterTest, OneSectionProducesEveryEventWithItsMembersInOrderThenDropsWit
                   ToolResult({"p3"}, {ToolCallResult(), ToolCallResult()},
                              ToolResultStatus::Succeed, std::nullopt, 0),
                   MessageStatus::Init, std::nullopt, "am-0", 0, MessageSource::Live),
-      true, 1000, 1015, 1040, true});
+      true, 1000, 1015, 1040, true, 1700000000000});
   waitForEvents(*listener, 3);
   reporter->report(
       AssistantMessageReport{"conv-1", "local-1",
                              AssistantMessage("am-1", MessageStatus::Init, MessageContent("hi", 2),
                                               std::vector<ToolCall>(2), section, 1700000000000,
                                               1700000000500, MessageSource::Live, std::nullopt),
-                             1700000000600, 450});
+                             1700000000600, 450, 1640});
   waitForEvents(*listener, 5);
   reporter->onSectionCompleted();
   waitForEvents(*listener, 6);
@@ -104,6 +105,15 @@ TEST(ReporterTest, OneSectionProducesEveryEventWithItsMembersInOrderThenDropsWit
   };
   ASSERT_EQ(events.size(), expected.size());
   for (size_t i = 0; i < events.size(); ++i) EXPECT_EQ(shown(events[i]), expected[i]);
+  // The section starts when its prompt was sent, and each event measures up
+  // to its own fact, on the steady clock.
+  const auto stamps = [&](size_t i) {
+    const auto json = Json::parse(events[i].json);
+    return std::vector<int64_t>{json["start_ts"], json["end_ts"], json["section_cost_ms"]};
+  };
+  EXPECT_EQ(stamps(2), (std::vector<int64_t>{1700000000000, 1700000000000, 0}));
+  EXPECT_EQ(stamps(4), (std::vector<int64_t>{1700000000000, 1700000000600, 600}));
+  EXPECT_GE(stamps(5)[2], 600);
 
   listener.reset();  // the host drops its listener: every later event is dropped
   reporter->onConversationClose("", "", 0, 0, 0, "");
@@ -115,6 +125,34 @@ TEST(ReporterTest, OneSectionProducesEveryEventWithItsMembersInOrderThenDropsWit
   EXPECT_EQ(log->count("Reporter::report user message, tracer is expired"), 1u);
   EXPECT_EQ(log->count("Reporter::report assistant message, tracer is expired"), 1u);
   EXPECT_EQ(log->count("Reporter::onSectionEvent, tracer is expired"), 3u);
+}
+
+// A section finishes once, however often its completion is reported; one
+// whose start this reporter never saw has nothing to finish; and a wall
+// clock set back meanwhile never makes a cost negative.
+TEST(ReporterTest, SectionsFinishOnceWithCostsThatAreNeverNegative) {
+  auto listener = std::make_shared<RecordingListener>();
+  auto reporter = std::make_unique<Reporter>(listener);
+  reporter->onSectionCompleted();  // no section yet
+  UserMessageReport prompt;
+  prompt.message.section = SectionInfo("s", "ls");
+  prompt.opens_section = true;
+  prompt.sent = true;
+  prompt.send_end_ms = steadyMs();
+  prompt.send_end_wall_ms = wallMs() + 3600 * 1000;  // the wall clock is set back after this
+  reporter->report(prompt);
+  reporter->onSectionCompleted();
+  reporter->onSectionCompleted();
+  reporter.reset();  // drains
+
+  std::vector<std::string> actions;
+  for (const auto& event : listener->calls().trace_events) {
+    if (event.name != "section_event") continue;
+    const auto json = Json::parse(event.json);
+    actions.push_back(json["action"]);
+    EXPECT_GE(json["section_cost_ms"].get<int64_t>(), 0) << event.json;
+  }
+  EXPECT_EQ(actions, (std::vector<std::string>{"init", "finish"}));
 }
 
 // The host drops the conversation inside the first delivery, once both

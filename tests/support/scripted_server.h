@@ -62,11 +62,16 @@ class ScriptedServer : public ITransportSender {
   std::atomic<bool> refuse_frames{false};
   // While set, HTTP requests are kept unanswered until answerHeld().
   std::atomic<bool> hold_requests{false};
+  // How often each HTTP request is answered (a faulty host answers twice).
+  std::atomic<int> answers_per_request{1};
+  // Off: uplinks are answered but not kept (long tests that measure memory).
+  std::atomic<bool> keep_uplinks{true};
 
   bool sendMessage(const std::string& message) override {
     std::lock_guard<std::mutex> lock(mutex_);
     if (refuse_frames.load()) return false;
-    uplinks_.push_back(message);
+    ++uplink_count_;
+    if (keep_uplinks.load()) uplinks_.push_back(message);
     jobs_.push_back([this, message] { runScript(message); });
     wake_.notify_all();
     return true;
@@ -100,7 +105,8 @@ class ScriptedServer : public ITransportSender {
     wake_.notify_all();
   }
 
-  // Delivers a frame at once on the calling thread (only from a script).
+  // Delivers a frame at once on the calling thread (a script's, or a test
+  // thread that plays a second connection).
   void deliver(const std::string& frame) {
     std::shared_ptr<ITransport> inbound;
     {
@@ -108,6 +114,17 @@ class ScriptedServer : public ITransportSender {
       inbound = inbound_;
     }
     if (inbound) inbound->onMessageReceived(frame);
+  }
+
+  size_t uplinkCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return uplink_count_;
+  }
+  // Forgets the requests kept while hold_requests was set: they are never
+  // answered (a host that drops them).
+  void dropHeld() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_.clear();
   }
 
   std::vector<std::string> uplinks() const {
@@ -204,7 +221,8 @@ class ScriptedServer : public ITransportSender {
       std::lock_guard<std::mutex> lock(mutex_);
       script = rest_script_;
     }
-    callback->onResponse(HttpResponse(200, script ? script(request) : std::string(R"({"ret":"1"})")));
+    const HttpResponse response(200, script ? script(request) : std::string(R"({"ret":"1"})"));
+    for (int i = 0; i < answers_per_request.load(); ++i) callback->onResponse(response);
   }
 
   void run() {
@@ -226,15 +244,16 @@ class ScriptedServer : public ITransportSender {
   mutable std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;
-  bool stop_ = false;                             // guarded by mutex_
-  bool busy_ = false;                             // guarded by mutex_
-  std::deque<std::function<void()>> jobs_;        // guarded by mutex_
-  std::vector<std::string> uplinks_;              // guarded by mutex_
-  std::vector<HttpRequest> requests_;             // guarded by mutex_
-  std::vector<Held> held_;                        // guarded by mutex_
-  Script script_;                                 // guarded by mutex_
-  RestScript rest_script_;                        // guarded by mutex_
-  std::shared_ptr<ITransport> inbound_;           // guarded by mutex_
+  bool stop_ = false;                       // guarded by mutex_
+  bool busy_ = false;                       // guarded by mutex_
+  std::deque<std::function<void()>> jobs_;  // guarded by mutex_
+  std::vector<std::string> uplinks_;        // guarded by mutex_
+  size_t uplink_count_ = 0;                 // guarded by mutex_
+  std::vector<HttpRequest> requests_;       // guarded by mutex_
+  std::vector<Held> held_;                  // guarded by mutex_
+  Script script_;                           // guarded by mutex_
+  RestScript rest_script_;                  // guarded by mutex_
+  std::shared_ptr<ITransport> inbound_;     // guarded by mutex_
   std::thread worker_;
 };
 

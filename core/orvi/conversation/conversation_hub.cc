@@ -1,6 +1,7 @@
 #include "orvi/conversation/conversation_hub.h"
 
 #include <algorithm>
+#include <iterator>
 #include <chrono>
 #include <exception>
 
@@ -79,11 +80,11 @@ std::shared_ptr<Conversation> ConversationHubImpl::open(const std::string& local
       return nullptr;
     }
   }
-  auto conversation =
-      std::make_shared<ConversationImpl>(local_conversation_id, options, history_);
+  auto conversation = std::make_shared<ConversationImpl>(local_conversation_id, options, history_);
   size_t size = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    sweepExpired();
     auto& entry = conversations_[conversation->localConversationId()];
     if (!entry.expired()) {
       // Opened by another thread meanwhile.
@@ -93,11 +94,23 @@ std::shared_ptr<Conversation> ConversationHubImpl::open(const std::string& local
     entry = conversation;
     size = conversations_.size();
   }
-  ORVI_LOGI("open conversation, local_conversation_id = %s, conversation_id = %s, "
-            "conversations_ size = %zu",
-            conversation->localConversationId().c_str(), conversation->conversationId().c_str(),
-            size);
+  ORVI_LOGI(
+      "open conversation, local_conversation_id = %s, conversation_id = %s, "
+      "conversations_ size = %zu",
+      conversation->localConversationId().c_str(), conversation->conversationId().c_str(), size);
   return conversation;
+}
+
+// Conversations the host dropped without close leave expired entries. They
+// are swept whenever the map has doubled since the last sweep, so it never
+// holds more than about twice the conversations alive (and at least the
+// reserved buckets' worth), at a cost spread over the opens.
+void ConversationHubImpl::sweepExpired() {
+  if (conversations_.size() < sweep_at_) return;
+  for (auto it = conversations_.begin(); it != conversations_.end();) {
+    it = it->second.expired() ? conversations_.erase(it) : std::next(it);
+  }
+  sweep_at_ = std::max(kFirstSweep, 2 * conversations_.size());
 }
 
 void ConversationHubImpl::close(const std::string& local_conversation_id) {
@@ -105,12 +118,15 @@ void ConversationHubImpl::close(const std::string& local_conversation_id) {
     std::lock_guard<std::mutex> lock(mutex_);
     conversations_.erase(local_conversation_id);
   }
-  ORVI_LOGI("close conversation, you must ensure that you won't use the "
-            "`conversation`(local_conversation_id = %s) again!",
-            local_conversation_id.c_str());
+  ORVI_LOGI(
+      "close conversation, you must ensure that you won't use the "
+      "`conversation`(local_conversation_id = %s) again!",
+      local_conversation_id.c_str());
 }
 
-std::vector<ConversationInfo> ConversationHubImpl::list() { return history_->conversations(); }
+std::vector<ConversationInfo> ConversationHubImpl::list() {
+  return history_->conversations();
+}
 
 std::shared_ptr<RestApiClient> ConversationHubImpl::restClient() {
   std::lock_guard<std::mutex> lock(remote_mutex_);
@@ -166,9 +182,17 @@ bool ConversationHubImpl::remove(const std::string& local_conversation_id) {
       history_->findConversation(local_conversation_id, info) ? info.conversation_id : "";
   std::weak_ptr<HistoryManager> history = history_;
   const auto listener = hubListener();
+  if (conversation_id.empty()) {
+    // The server never named it, so it has nothing to delete: the local
+    // record goes at once, and the host hears of it as of any removal.
+    ORVI_LOGI("local conversation(%s) has no conversation_id, remove local only",
+              local_conversation_id.c_str());
+    history_->deleteConversation(local_conversation_id);
+    if (listener) listener->onConversationRemoved(true);
+    return true;
+  }
   client->requestConversationBatchDelete(
-      {conversation_id.empty() ? local_conversation_id : conversation_id},
-      [history, listener, local_conversation_id](const std::string& body) {
+      {conversation_id}, [history, listener, local_conversation_id](const std::string& body) {
         ORVI_LOGD("delete conversation messages: %s", body.c_str());
         const bool success = MessageProcessor::parseConversationBatchDeleteResp(body);
         if (listener) listener->onConversationRemoved(success);
@@ -207,21 +231,31 @@ std::shared_ptr<ITransport> ConversationHubImpl::connect(std::shared_ptr<ITransp
     ORVI_LOGE("sender is null");
     return nullptr;
   }
-  std::shared_ptr<Transport> transport;
+  std::shared_ptr<Transport> existing;
   {
     std::lock_guard<std::mutex> lock(remote_mutex_);
-    if (transport_) {
-      ORVI_LOGW("transport is already connected, skip, addr = %p",
-                static_cast<void*>(transport_.get()));
-      return transport_;
-    }
-    sender_ = sender;
-    transport_ = std::make_shared<Transport>();
-    transport = transport_;
+    existing = transport_;
   }
-  transport->setSender(sender);
-  ORVI_LOGI("transport is connected, addr = %p", static_cast<void*>(transport.get()));
-  return transport;
+  if (!existing) {
+    // Published only once its sender is set: a remote call made meanwhile
+    // on another thread never goes through a transport without one.
+    auto fresh = std::make_shared<Transport>();
+    fresh->setSender(sender);
+    {
+      std::lock_guard<std::mutex> lock(remote_mutex_);
+      existing = transport_;
+      if (!existing) {
+        sender_ = sender;
+        transport_ = fresh;
+      }
+    }
+    if (!existing) {
+      ORVI_LOGI("transport is connected, addr = %p", static_cast<void*>(fresh.get()));
+      return fresh;
+    }
+  }
+  ORVI_LOGW("transport is already connected, skip, addr = %p", static_cast<void*>(existing.get()));
+  return existing;
 }
 
 }  // namespace orvi

@@ -50,6 +50,8 @@ class ConversationHubImpl : public ConversationHub {
  private:
   // Whether the conversation is open and alive; forgets an expired entry.
   bool checkConversation(const std::string& local_conversation_id);
+  // Forgets conversations the host dropped without close (mutex_ held).
+  void sweepExpired();
   std::shared_ptr<RestApiClient> restClient();
   std::shared_ptr<ConversationHubListener> hubListener();
 
@@ -63,15 +65,18 @@ class ConversationHubImpl : public ConversationHub {
   std::atomic<bool> configuring_{false};
 
   std::mutex mutex_;
-  std::unordered_map<std::string, std::weak_ptr<ConversationImpl>> conversations_;  // guarded by mutex_
+  std::unordered_map<std::string, std::weak_ptr<ConversationImpl>>
+      conversations_;  // guarded by mutex_
+  static constexpr size_t kFirstSweep = 8;
+  size_t sweep_at_ = kFirstSweep;  // guarded by mutex_
 
   std::shared_ptr<HistoryManager> history_;
 
   std::mutex remote_mutex_;
-  std::shared_ptr<ITransportSender> sender_;          // guarded by remote_mutex_
-  std::shared_ptr<Transport> transport_;              // guarded by remote_mutex_
-  std::shared_ptr<ConversationHubListener> listener_; // guarded by remote_mutex_
-  std::shared_ptr<RestApiClient> rest_client_;        // guarded by remote_mutex_
+  std::shared_ptr<ITransportSender> sender_;           // guarded by remote_mutex_
+  std::shared_ptr<Transport> transport_;               // guarded by remote_mutex_
+  std::shared_ptr<ConversationHubListener> listener_;  // guarded by remote_mutex_
+  std::shared_ptr<RestApiClient> rest_client_;         // guarded by remote_mutex_
 };
 
 }  // namespace orvi

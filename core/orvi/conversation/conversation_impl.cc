@@ -53,7 +53,8 @@ ConversationImpl::ConversationImpl(std::string local_conversation_id,
     }
   }
   engine_ = std::make_shared<MessageEngine>(local_conversation_id_);
-  if (history_) history_->setHistoryMessageLimited(local_conversation_id_, history_message_limited_);
+  if (history_)
+    history_->setHistoryMessageLimited(local_conversation_id_, history_message_limited_);
 
   ORVI_LOGI(
       "ConversationImpl created, local_conversation_id: %s, conversation_id: %s, addr = %p, "
@@ -80,63 +81,81 @@ ConversationImpl::~ConversationImpl() {
             local_conversation_id_.c_str(), conversation_id_.c_str(), static_cast<void*>(this));
 }
 
+// The first listener stays. With tracing on, the reporter made for it is
+// installed with it; a refused listener leaves tracing with the real one,
+// and a reporter that is replaced or unused drains (through the host's
+// onTraceEvent) only after the lock is released.
 void ConversationImpl::listen(std::shared_ptr<ConversationListener> listener) {
+  const auto self = keepAlive();
   std::shared_ptr<Reporter> reporter;
-  if (enable_tracing_event_) {
-    reporter = std::make_shared<Reporter>(listener);
-    std::lock_guard<std::mutex> lock(mutex_);
-    reporter_ = reporter;
-  }
+  if (enable_tracing_event_) reporter = std::make_shared<Reporter>(listener);
   if (!listener) {
     ORVI_LOGE("listener is null");
     if (reporter) {
-      reporter->onConversationOpen(conversationId(), local_conversation_id_, 0, 0,
-                                   kListenerIsNull, "listener is null");
+      reporter->onConversationOpen(conversationId(), local_conversation_id_, 0, 0, kListenerIsNull,
+                                   "listener is null");
     }
     return;
   }
+  std::shared_ptr<ConversationListener> existing;
+  std::shared_ptr<Reporter> replaced;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (listener_) {
-      ORVI_LOGW(
-          "local conversation(%s) listen, listener is already exist, old listener: %p, new "
-          "listener: %p, abort.",
-          local_conversation_id_.c_str(), static_cast<void*>(listener_.get()),
-          static_cast<void*>(listener.get()));
-      return;
+    existing = listener_;
+    if (!existing) {
+      listener_ = listener;
+      replaced = std::move(reporter_);
+      reporter_ = reporter;
     }
-    listener_ = listener;
+  }
+  if (existing) {
+    ORVI_LOGW(
+        "local conversation(%s) listen, listener is already exist, old listener: %p, new "
+        "listener: %p, abort.",
+        local_conversation_id_.c_str(), static_cast<void*>(existing.get()),
+        static_cast<void*>(listener.get()));
+    return;
   }
   if (reporter) {
     ORVI_LOGI("local conversation(%s) start tracing..", local_conversation_id_.c_str());
-    reporter->onConversationOpen(conversationId(), local_conversation_id_, section_count_.load(),
-                                 0, 0, "");
+    reporter->onConversationOpen(conversationId(), local_conversation_id_, section_count_.load(), 0,
+                                 0, "");
   }
   ORVI_LOGI("local conversation(%s) listen, listener: %p", local_conversation_id_.c_str(),
             static_cast<void*>(listener.get()));
 }
 
+// The transport is published only once its listener and sender are set, so
+// no other thread can send through a transport that has no sender yet.
 std::shared_ptr<ITransport> ConversationImpl::connect(std::shared_ptr<ITransportSender> sender) {
   if (!sender) {
     ORVI_LOGE("sender is null");
     return nullptr;
   }
-  std::shared_ptr<Transport> transport;
+  if (const auto existing = transport()) {
+    ORVI_LOGW("transport is already connected, skip, addr = %p",
+              static_cast<void*>(existing.get()));
+    return existing;
+  }
+  auto fresh = std::make_shared<Transport>();
+  fresh->setListener(sharedFromThis<Transport::Listener>(this));
+  fresh->setSender(sender);
+  std::shared_ptr<Transport> existing;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (transport_) {
-      ORVI_LOGW("transport is already connected, skip, addr = %p",
-                static_cast<void*>(transport_.get()));
-      return transport_;
+    existing = transport_;
+    if (!existing) {
+      transport_ = fresh;
+      sender_ = sender;
     }
-    transport_ = std::make_shared<Transport>();
-    sender_ = sender;
-    transport = transport_;
   }
-  transport->setListener(sharedFromThis<Transport::Listener>(this));
-  transport->setSender(sender);
-  ORVI_LOGI("transport is connected, addr = %p", static_cast<void*>(transport.get()));
-  return transport;
+  if (existing) {  // another thread connected meanwhile
+    ORVI_LOGW("transport is already connected, skip, addr = %p",
+              static_cast<void*>(existing.get()));
+    return existing;
+  }
+  ORVI_LOGI("transport is connected, addr = %p", static_cast<void*>(fresh.get()));
+  return fresh;
 }
 
 void ConversationImpl::setRunMode(RunMode mode) {
@@ -147,8 +166,7 @@ void ConversationImpl::setRunMode(RunMode mode) {
 
 void ConversationImpl::enableResend(bool enable) {
   enable_resend_.store(enable);
-  ORVI_LOGI("local conversation(%s) set enable_resend: %d", local_conversation_id_.c_str(),
-            enable);
+  ORVI_LOGI("local conversation(%s) set enable_resend: %d", local_conversation_id_.c_str(), enable);
 }
 
 void ConversationImpl::setBabiParams(const std::string& params) {
@@ -171,7 +189,8 @@ std::string ConversationImpl::conversationId() const {
 }
 
 bool ConversationImpl::isRecovering() const {
-  return recover_remote_section_count_.load() != 0 || recover_remote_sections_count_.load() != 0;
+  return recover_remote_section_count_.count.load() != 0 ||
+         recover_remote_sections_count_.count.load() != 0;
 }
 
 std::shared_ptr<ConversationListener> ConversationImpl::listener() const {

@@ -7,13 +7,15 @@
 // returned; timer tasks and REST completions hold it weakly and do nothing
 // once it is gone.
 //
-// Threads: host threads send; the thread that pushes a frame into the
-// transport receives (listener calls for received messages happen there);
-// the timer thread detects missing acknowledgements and resends; REST
-// completions run where the host answers. mutex_ guards the listener, the
-// transport, the dangling message and not_ack_messages_; it is never held
-// while the listener, the sender or the timer is called. The recovery
-// counters and flags are atomics.
+// Threads: host threads send; the timer thread detects missing
+// acknowledgements, resends and ends recoveries that get no answer; REST
+// completions arrive where the host answers. Everything on the receiving
+// side (received frames, recovery answers and ends, the replay of frames
+// held during a recovery) runs as tasks of delivery_, one at a time and in
+// arrival order, on whichever of those threads is delivering at the time
+// (see DeliveryQueue and docs/threading.md). mutex_ guards the members
+// marked so; it is never held while the listener, the sender or the timer is
+// called. The recovery counters and flags are atomics.
 #pragma once
 
 #include <atomic>
@@ -23,15 +25,19 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "orvi/conversation.h"
+#include "orvi/conversation/delivery_queue.h"
+#include "orvi/message/processor/wire_records.h"
 #include "orvi/message/wrapper/message_base.h"
 #include "orvi/transport/transport.h"
 #include "orvi/utils/ref_contained.h"
 
 namespace orvi {
 
+class AssistantMessageWrapper;
 class DelayedTaskTimer;
 class HistoryManager;
 class MessageEngine;
@@ -80,9 +86,19 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   std::string conversationId() const;
   bool isRecovering() const;
 
+  // How long a recovery waits for the server's answer before it ends as
+  // failed and the frames held meanwhile are delivered (kRecoveryTimeoutMs
+  // unless changed; tests shorten it).
+  static constexpr int64_t kRecoveryTimeoutMs = 30000;
+  void setRecoveryTimeoutMs(int64_t timeout_ms) { recovery_timeout_ms_.store(timeout_ms); }
+
  private:
+  // A message waited for (and resent while it is): the frame as first
+  // handed to the sender, and the record it was written from.
   struct PendingAck {
     std::shared_ptr<UserMessageWrapper> message;
+    std::string frame;
+    idl::UplinkMessage uplink;
     int32_t resend_count = 0;
   };
   enum class SendKind { Message, Reply, Retry, Cancel };
@@ -90,31 +106,58 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   // Sending.
   std::string send(const InputMessage& input, SendKind kind);
   int32_t sendInSection(const InputMessage& input, SendKind kind, const char* what);
-  void waitingForAck(const std::shared_ptr<UserMessageWrapper>& message, bool new_prompt);
+  bool track(const std::shared_ptr<UserMessageWrapper>& message, const std::string& frame,
+             bool new_prompt);
   void armAckCheck(const std::string& local_message_id);
   bool isNotAcked(const std::string& local_message_id);
   void resend(const std::string& local_message_id);
   void clearNotAck();
 
+  // One kind of recovery (the latest section, or pages of sections).
+  // `count` is non-zero exactly while one runs and then holds its
+  // generation, which its answer and its time-out carry; `cancelled` and
+  // `timed_out` remember how the last ones ended, so that a late answer is
+  // told apart from a stray one.
+  struct Recovery {
+    std::atomic<uint64_t> count{0};
+    std::atomic<uint64_t> cancelled{0};
+    std::atomic<uint64_t> timed_out{0};
+  };
+  struct RecoveryLogs;
+  static const RecoveryLogs& sectionLogs();
+  static const RecoveryLogs& sectionsLogs();
+
   // Receiving.
   void recvMessage(const MessagePtr& message, bool from_stash);
-  bool handleAck(const MessagePtr& message);
+  MessagePtr acknowledgedMessage(const std::string& local_message_id, bool* dangling);
+  void handleAck(const AssistantMessageWrapper& ack);
   void adoptConversationId(const MessagePtr& message);
   void dispatch(const MessagePtr& message);
+  void reportCompleted(const AssistantMessage& message, int64_t first_frame_ms);
   void recordReceived(const MessagePtr& message, const MessagePtr& result);
   void handleStashedMessages();
 
   // Recovery and history.
+  void markRecovered(const RecoveredSection& section);
   void deliverRecovered(const RecoveredSection& section);
   void followRunningSection(const RecoveredSection& section);
-  bool acceptRecoveryAnswer(const std::atomic<uint64_t>& counter, uint64_t started,
-                            const char* cancelled_format, const char* mismatch_format);
+  uint64_t startRecovery(Recovery& recovery, const char* busy_format);
+  void cancelRecovery(Recovery& recovery);
+  void armRecoveryTimeout(Recovery ConversationImpl::*recovery, uint64_t generation,
+                          int64_t started_ms, const RecoveryLogs& logs);
+  bool acceptRecoveryAnswer(Recovery& recovery, uint64_t generation, const RecoveryLogs& logs);
+  void endRecovery(Recovery& recovery, uint64_t generation);
+  void handleSectionAnswer(uint64_t generation, const std::string& body);
+  void handleSectionsAnswer(uint64_t generation, const std::string& body);
   std::vector<MessagePtr> storedMessages(int32_t cursor, int32_t count, bool* has_more,
                                          int32_t* next_cursor);
   std::vector<ComboMessage> toComboMessages(const std::vector<MessagePtr>& messages);
   int32_t handOver(const std::vector<ComboMessage>& messages);
   std::shared_ptr<RestApiClient> restClient();
 
+  // A strong reference for the length of a call that runs host code, which
+  // may drop the host's last reference meanwhile.
+  std::shared_ptr<RefContained> keepAlive() { return weak_from_this().lock(); }
   std::shared_ptr<ConversationListener> listener() const;
   std::shared_ptr<Transport> transport() const;
   std::shared_ptr<Reporter> reporter() const;
@@ -138,20 +181,32 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   DelayedTaskTimer& timer_;
 
   std::atomic<bool> just_cancelled_{false};
-  std::atomic<uint64_t> recover_remote_section_count_{0};
-  std::atomic<uint64_t> recover_remote_sections_count_{0};
+  Recovery recover_remote_section_count_;
+  Recovery recover_remote_sections_count_;
+  std::atomic<uint64_t> recovery_generation_{0};
+  std::atomic<int64_t> recovery_timeout_ms_{kRecoveryTimeoutMs};
   std::atomic<int32_t> section_count_{0};
 
+  DeliveryQueue delivery_;
+
+  // Serialises the engine's decision on a sent message with its tracking.
+  std::mutex send_mutex_;
   mutable std::mutex mutex_;
-  std::string conversation_id_;                                          // guarded by mutex_
-  std::shared_ptr<ConversationListener> listener_;                       // guarded by mutex_
-  std::shared_ptr<Reporter> reporter_;                                   // guarded by mutex_
-  std::shared_ptr<ITransportSender> sender_;                             // guarded by mutex_
-  std::shared_ptr<Transport> transport_;                                 // guarded by mutex_
-  std::shared_ptr<RestApiClient> rest_client_;                           // guarded by mutex_
+  std::string conversation_id_;                     // guarded by mutex_
+  std::shared_ptr<ConversationListener> listener_;  // guarded by mutex_
+  std::shared_ptr<Reporter> reporter_;              // guarded by mutex_
+  std::shared_ptr<ITransportSender> sender_;        // guarded by mutex_
+  std::shared_ptr<Transport> transport_;            // guarded by mutex_
+  std::shared_ptr<RestApiClient> rest_client_;      // guarded by mutex_
   // Sent before the server allocated the conversation id; stored once it has.
-  std::vector<std::shared_ptr<UserMessageWrapper>> dangling_messages_;   // guarded by mutex_
-  std::unordered_map<std::string, PendingAck> not_ack_messages_;         // guarded by mutex_
+  std::vector<std::shared_ptr<UserMessageWrapper>> dangling_messages_;  // guarded by mutex_
+  // Waited for: the latest prompt and what was sent in its turn.
+  std::unordered_map<std::string, PendingAck> not_ack_messages_;  // guarded by mutex_
+  // Every sent message still without its outcome (see conversation_send.cc).
+  std::unordered_map<std::string, std::shared_ptr<UserMessageWrapper>>
+      unsettled_;  // guarded by mutex_
+  // Assistant messages of the turn in progress already traced as complete.
+  std::unordered_set<std::string> reported_assistant_ids_;  // guarded by mutex_
 };
 
 }  // namespace orvi

@@ -1,5 +1,6 @@
 // ConversationImpl: frames from the server, acknowledgements, adoption of
 // the server's conversation id, and stashing while a recovery runs.
+#include <algorithm>
 #include <chrono>
 
 #include "orvi/conversation/conversation_impl.h"
@@ -23,6 +24,8 @@ bool isSectionComplete(const SystemMessage& message) {
 
 }  // namespace
 
+// Parsed on the pushing thread; handled in turn with every other frame and
+// recovery answer of this conversation (see DeliveryQueue).
 void ConversationImpl::onMessageReceived(const std::string& frame) {
   ORVI_LOGD("onMessageReceived: %s", frame.c_str());
   const MessagePtr message = MessageProcessor::parse(frame, max_downlink_frame_bytes_);
@@ -31,7 +34,8 @@ void ConversationImpl::onMessageReceived(const std::string& frame) {
     return;
   }
   message->envelope().received_at_ms = steadyMs();
-  recvMessage(message, false);
+  const auto self = keepAlive();
+  delivery_.submit([this, message] { recvMessage(message, false); });
 }
 
 void ConversationImpl::recvMessage(const MessagePtr& message, bool from_stash) {
@@ -45,24 +49,21 @@ void ConversationImpl::recvMessage(const MessagePtr& message, bool from_stash) {
               local_conversation_id_.c_str(), owner.c_str());
     return;
   }
-  if (!from_stash && isRecovering()) {
+  // Frames held during a recovery are replayed before any later one: until
+  // the replay has run, a frame joins the held ones.
+  if (!from_stash && (isRecovering() || engine_->hasStashed())) {
     if (block_when_recovering_) {
       ORVI_LOGI("local conversation(%s) is recovering remote history, stash message",
                 local_conversation_id_.c_str());
       engine_->stash(message);
       return;
     }
-    ORVI_LOGI("local conversation(%s) is recovering remote history, but configed to not block, "
-              "go ahead",
-              local_conversation_id_.c_str());
+    ORVI_LOGI(
+        "local conversation(%s) is recovering remote history, but configed to not block, "
+        "go ahead",
+        local_conversation_id_.c_str());
   }
 
-  // Acknowledgements settle a sent user message; they are not conversation
-  // content, so they bypass the engine.
-  if (handleAck(message)) {
-    adoptConversationId(message);
-    return;
-  }
   const MessagePtr result = engine_->enqueue(message);
   if (!result) {
     ORVI_LOGE("local conversation(%s) enqueue message failed", local_conversation_id_.c_str());
@@ -75,36 +76,49 @@ void ConversationImpl::recvMessage(const MessagePtr& message, bool from_stash) {
   dispatch(result);
 }
 
-bool ConversationImpl::handleAck(const MessagePtr& message) {
-  const auto* ack = dynamic_cast<const AssistantMessageWrapper*>(message.get());
-  if (!ack || ack->wire().role != idl::Role::User) return false;
-  ORVI_LOGD("ACK MESSAGE");
-
-  const idl::Message& wire = ack->wire();
-  MessagePtr last = engine_->lastMessageByType(MessageKind::User, wire.local_message_id);
-  bool dangling = false;
-  {
-    // A prompt of a new conversation may have left the live queue already.
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& waiting : dangling_messages_) {
-      if (waiting->envelope().local_message_id != wire.local_message_id) continue;
-      last = waiting;
-      dangling = true;
-    }
+// The user message an acknowledgement names: in the live queue (this
+// turn), else among the messages still waiting for their outcome (a late
+// acknowledgement of an earlier turn's prompt), else among those kept until
+// the server allocates the conversation id. `dangling` tells the last case:
+// such a message is not stored yet.
+MessagePtr ConversationImpl::acknowledgedMessage(const std::string& local_message_id,
+                                                 bool* dangling) {
+  *dangling = false;
+  // Without a local message id there is nothing to match: never the newest
+  // message by default.
+  if (local_message_id.empty()) return nullptr;
+  MessagePtr found = engine_->lastMessageByType(MessageKind::User, local_message_id);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!found) {
+    const auto waiting = unsettled_.find(local_message_id);
+    if (waiting != unsettled_.end()) found = waiting->second;
   }
+  for (const auto& kept : dangling_messages_) {
+    if (kept->envelope().local_message_id != local_message_id) continue;
+    found = kept;
+    *dangling = true;
+  }
+  return found;
+}
+
+void ConversationImpl::handleAck(const AssistantMessageWrapper& ack) {
+  ORVI_LOGD("ACK MESSAGE");
+  const idl::Message& wire = ack.wire();
+  bool dangling = false;
+  const MessagePtr last = acknowledgedMessage(wire.local_message_id, &dangling);
   if (!last) {
     ORVI_LOGE("local conversation(%s) recv ack message but last user message is null",
               local_conversation_id_.c_str());
-    return true;
+    return;
   }
   auto user = std::dynamic_pointer_cast<UserMessageWrapper>(last);
   if (!user || !user->message()) {
     ORVI_LOGE("local conversation(%s) recv ack message but last user message is not user message",
               local_conversation_id_.c_str());
-    return true;
+    return;
   }
   const int64_t server_time =
-      ack->envelope().server_time != 0 ? ack->envelope().server_time : wire.create_time;
+      ack.envelope().server_time != 0 ? ack.envelope().server_time : wire.create_time;
   const bool rejected = wire.status == static_cast<int32_t>(MessageStatus::Failed);
   bool duplicate = false;
   int64_t old_create_time = 0;
@@ -123,19 +137,25 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
       if (enable_sync_user_message_timestamp_by_ack_ && server_time != 0) {
         record.create_time = server_time;
       }
-      if (user->sectionId().empty() && !ack->sectionId().empty()) {
+      if (user->sectionId().empty() && !ack.sectionId().empty()) {
         // The acknowledgement is where the server first names the prompt's section.
-        user->setSectionIds(ack->sectionId(), user->localSectionId());
+        user->setSectionIds(ack.sectionId(), user->localSectionId());
         record.section = SectionInfo(user->sectionId(), user->localSectionId());
       }
-      if (rejected) record.status = MessageStatus::Failed;
+      // Accepted after all (a send the host's sender refused, resent since)
+      // or refused by the server.
+      if (rejected) {
+        record.status = MessageStatus::Failed;
+      } else if (record.status == MessageStatus::Failed) {
+        record.status = MessageStatus::Completed;
+      }
     }
     updated = record;
   }
   if (duplicate) {
     ORVI_LOGW("local conversation(%s) duplicate ack of local_message_id: %s, ignored",
               local_conversation_id_.c_str(), updated.local_message_id.c_str());
-    return true;
+    return;
   }
   if (updated.create_time != old_create_time) {
     ORVI_LOGI("Sync UserMessage(%s) create_time from %lld to %lld",
@@ -157,7 +177,6 @@ bool ConversationImpl::handleAck(const MessagePtr& message) {
                                 SectionInfo(user->sectionId(), user->localSectionId()));
     }
   }
-  return true;
 }
 
 void ConversationImpl::adoptConversationId(const MessagePtr& message) {
@@ -207,30 +226,25 @@ void ConversationImpl::dispatch(const MessagePtr& message) {
   switch (message->type()) {
     case MessageKind::Assistant: {
       const auto* assistant = dynamic_cast<const AssistantMessageWrapper*>(message.get());
+      if (assistant && assistant->isAcknowledgement()) {
+        handleAck(*assistant);
+        return;
+      }
       if (!assistant || !assistant->message()) {
         ORVI_LOGE("Invalid assistant message from server");
         return;
       }
       if (just_cancelled_.load() && !popup_assistant_message_after_cancel_) {
-        ORVI_LOGI("local conversation(%s) recv message after cancel, just_cancelled_ = %d, "
-                  "popup_assistant_message_after_cancel_ = %d, skip",
-                  local_conversation_id_.c_str(), 1, popup_assistant_message_after_cancel_);
+        ORVI_LOGI(
+            "local conversation(%s) recv message after cancel, just_cancelled_ = %d, "
+            "popup_assistant_message_after_cancel_ = %d, skip",
+            local_conversation_id_.c_str(), 1, popup_assistant_message_after_cancel_);
         return;
       }
       const auto snapshot = engine_->assistantSnapshot(assistant->message()->message_id);
       const AssistantMessage& delivered = snapshot ? *snapshot : *assistant->message();
       if (listener) listener->onAssistantMessage(delivered);
-      if (const auto reporter = this->reporter()) {
-        if (delivered.status == MessageStatus::Completed) {
-          AssistantMessageReport report;
-          report.conversation_id = conversationId();
-          report.local_conversation_id = local_conversation_id_;
-          report.message = delivered;
-          report.receive_time_ms = wallMs();
-          report.receive_complete_timecost_ms = steadyMs() - message->envelope().received_at_ms;
-          reporter->report(std::move(report));
-        }
-      }
+      reportCompleted(delivered, message->envelope().received_at_ms);
       return;
     }
     case MessageKind::System: {
@@ -253,22 +267,50 @@ void ConversationImpl::dispatch(const MessagePtr& message) {
       }
       return;
     }
-    default:
-      ORVI_LOGE("Unknown message type: %d", static_cast<int>(message->type()));
+    default: ORVI_LOGE("Unknown message type: %d", static_cast<int>(message->type()));
   }
+}
+
+// An assistant message is traced once, when it is first delivered complete
+// (a repeated frame or a later "stream_complete" is not a new fact). Its
+// cost runs from its first frame; a message recovered from the server is
+// stamped when it joined the live turn.
+void ConversationImpl::reportCompleted(const AssistantMessage& message, int64_t first_frame_ms) {
+  if (message.status != MessageStatus::Completed) return;
+  const auto reporter = this->reporter();
+  if (!reporter) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!reported_assistant_ids_.insert(message.message_id).second) return;
+  }
+  AssistantMessageReport report;
+  report.conversation_id = conversationId();
+  report.local_conversation_id = local_conversation_id_;
+  report.message = message;
+  report.receive_time_ms = wallMs();
+  report.receive_steady_ms = steadyMs();
+  report.receive_complete_timecost_ms =
+      first_frame_ms > 0 ? std::max<int64_t>(0, report.receive_steady_ms - first_frame_ms) : 0;
+  reporter->report(std::move(report));
 }
 
 // What the history keeps of received traffic is what the host was shown:
 // each assistant message once, rewritten whole when its stream completes
 // (its deltas are folded into it, not stored), and the system messages that
-// went to onSystemMessage. The two completion signals are not kept.
+// went to onSystemMessage. The two completion signals are not kept, nor are
+// acknowledgements (they update the stored user message) or frames refused
+// as invalid.
 void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePtr& result) {
   if (!history_) return;
   switch (message->type()) {
     case MessageKind::Assistant:
-    case MessageKind::Custom:
-      history_->recordMessage(result);
+    case MessageKind::Custom: {
+      const auto* assistant = dynamic_cast<const AssistantMessageWrapper*>(result.get());
+      if (assistant && !assistant->isAcknowledgement() && assistant->message()) {
+        history_->recordMessage(result);
+      }
       return;
+    }
     case MessageKind::System: {
       if (result != message) {
         history_->updateMessage(result);  // "stream_complete": the finished answer
@@ -280,12 +322,15 @@ void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePt
       }
       return;
     }
-    default:
-      return;
+    default: return;
   }
 }
 
+// Runs as a delivery task, so nothing else is delivered meanwhile; frames
+// that arrive during the replay wait behind it. A recovery started again in
+// between keeps them held for its own end.
 void ConversationImpl::handleStashedMessages() {
+  if (isRecovering()) return;
   int count = 0;
   while (const MessagePtr message = engine_->popStashed()) {
     recvMessage(message, true);

@@ -1,5 +1,6 @@
 #include "orvi/report/reporter.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 
@@ -107,8 +108,12 @@ Json sectionEvent(const SectionState& section) {
   json["tool_call_count"] = section.tool_call_count;
   json["start_ts"] = section.start_ts;
   json["end_ts"] = section.end_ts;
-  // Only a finished section has a cost; before that its end is not stamped.
-  json["section_cost_ms"] = section.end_ts != 0 ? section.end_ts - section.start_ts : 0;
+  // From the prompt to the latest fact counted; 0 for a section whose start
+  // this reporter did not see.
+  json["section_cost_ms"] =
+      section.start_steady_ms != 0
+          ? std::max<int64_t>(0, section.end_steady_ms - section.start_steady_ms)
+          : 0;
   return json;
 }
 
@@ -194,7 +199,8 @@ void Reporter::report(UserMessageReport report) {
         section.section_id = report.message.section->section_id;
         section.local_section_id = report.message.section->local_section_id;
       }
-      section.start_ts = wallMs();
+      section.start_ts = section.end_ts = report.send_end_wall_ms;
+      section.start_steady_ms = section.end_steady_ms = report.send_end_ms;
     }
     adoptConversationIds(section, report.conversation_id, report.local_conversation_id);
     ++section.user_message_count;
@@ -212,6 +218,8 @@ void Reporter::report(AssistantMessageReport report) {
     adoptConversationIds(section, report.conversation_id, report.local_conversation_id);
     ++section.assistant_message_count;
     section.tool_call_count += sizeOf(report.message.tool_calls);
+    section.end_ts = report.receive_time_ms;
+    section.end_steady_ms = report.receive_steady_ms;
     core->postSectionEvent();
     core->deliver("assistant_message_event", compact(assistantMessageEvent(report)),
                   "Reporter::report assistant message, tracer is expired", true);
@@ -223,10 +231,16 @@ void Reporter::onSectionCompleted() {
   // The section belongs to the report thread; the end is stamped now, at
   // the call, and applied there.
   const int64_t end_ts = wallMs();
+  const int64_t end_steady_ms = steadyMs();
   Core* core = core_.get();
-  post([core, end_ts] {
-    core->section.action = SectionState::Action::Finish;
-    core->section.end_ts = end_ts;
+  post([core, end_ts, end_steady_ms] {
+    SectionState& section = core->section;
+    // A repeated completion is not a second end, and a section whose start
+    // was not seen here has nothing to measure.
+    if (section.action == SectionState::Action::Finish || section.start_steady_ms == 0) return;
+    section.action = SectionState::Action::Finish;
+    section.end_ts = end_ts;
+    section.end_steady_ms = end_steady_ms;
     core->postSectionEvent();
   });
 }

@@ -36,6 +36,7 @@ struct UserMessageReport {
   int64_t build_end_ms = 0;
   int64_t send_end_ms = 0;
   bool sent = false;
+  int64_t send_end_wall_ms = 0;  // the end of sending on the wall clock: a new section's start
 };
 
 // What the conversation knows about one assistant message it delivered.
@@ -44,11 +45,15 @@ struct AssistantMessageReport {
   std::string local_conversation_id;
   AssistantMessage message;
   int64_t receive_time_ms = 0;               // wall clock, when it was delivered
-  int64_t receive_complete_timecost_ms = 0;  // first frame to completion; 0 while streaming
+  int64_t receive_complete_timecost_ms = 0;  // first frame to completion, never negative
+  int64_t receive_steady_ms = 0;             // receive_time_ms on the steady clock
 };
 
 // The section (one prompt and its answers) in progress, as the report thread
-// counts it. Timestamps are wall-clock milliseconds.
+// counts it. Timestamps are wall-clock milliseconds, stamped where the facts
+// happen (not when the report thread gets to them); the cost is measured
+// between the same moments on the steady clock, so a wall clock that jumps
+// never makes it negative. end_ts is the moment of the latest fact counted.
 struct SectionState {
   enum class Action : int32_t { Init = 0, Finish = 1 };
   Action action = Action::Init;
@@ -61,6 +66,8 @@ struct SectionState {
   int32_t tool_call_count = 0;  // tool calls the assistant asked for
   int64_t start_ts = 0;
   int64_t end_ts = 0;
+  int64_t start_steady_ms = 0;
+  int64_t end_steady_ms = 0;
 };
 
 class Reporter {
@@ -78,7 +85,8 @@ class Reporter {
                            int32_t tool_call_count, int32_t err_code, const std::string& err_msg);
   void report(UserMessageReport report);
   void report(AssistantMessageReport report);
-  // The section in progress ended: posts its "finish" event.
+  // The section in progress ended: posts its "finish" event, once per
+  // section (nothing when no section was started here).
   void onSectionCompleted();
   // Posts the section's state as it stands.
   void onSectionEvent();

@@ -31,10 +31,22 @@ RestCallback::RestCallback(const char* failure_format, ReplyFunction reply)
     : failure_format_(failure_format), reply_(std::move(reply)) {}
 
 void RestCallback::onResponse(const HttpResponse& response) {
+  ReplyFunction reply;
+  bool again = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    again = answered_;
+    answered_ = true;
+    reply.swap(reply_);
+  }
+  if (again) {
+    ORVI_LOGW("http callback answered again, ignored, status_code: %d", response.status_code);
+    return;
+  }
   // A failed status is only logged: the body still goes to the parser, which
   // judges the reply by its own "ret".
   if (response.status_code != kHttpOk) ORVI_LOGE(failure_format_, response.status_code);
-  if (reply_) reply_(response.body ? *response.body : std::string("{}"));
+  if (reply) reply(response.body ? *response.body : std::string("{}"));
 }
 
 ConversationListCallback::ConversationListCallback(ReplyFunction reply)

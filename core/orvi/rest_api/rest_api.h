@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,9 @@ class Transport;
 using ReplyFunction = std::function<void(const std::string& body)>;
 
 // Base of the three callbacks: logs a non-200 status with the class's own
-// message, then hands the body on all the same.
+// message, then hands the body on all the same. The reply function runs at
+// most once: a host that answers a request twice gets a warning, and the
+// second answer goes nowhere. It is released once it has run.
 class RestCallback : public HttpCallback {
  public:
   RestCallback(const char* failure_format, ReplyFunction reply);
@@ -34,7 +37,9 @@ class RestCallback : public HttpCallback {
 
  private:
   const char* failure_format_;
-  ReplyFunction reply_;
+  std::mutex mutex_;
+  bool answered_ = false;  // guarded by mutex_
+  ReplyFunction reply_;    // guarded by mutex_
 };
 
 class ConversationListCallback : public RestCallback {
@@ -68,8 +73,7 @@ class RestApiClient {
   void requestConversationList(const std::string& cursor, int32_t count, bool create_time_desc,
                                ReplyFunction reply);
   void requestMessageBatchDelete(const std::string& conversation_id,
-                                 const std::vector<std::string>& message_ids,
-                                 ReplyFunction reply);
+                                 const std::vector<std::string>& message_ids, ReplyFunction reply);
   void requestConversationBatchDelete(const std::vector<std::string>& conversation_ids,
                                       ReplyFunction reply);
 

@@ -338,6 +338,14 @@ TEST(DeltaPatchTest, DeltasWithoutAUsableTarget) {
   EXPECT_TRUE(log->has("MessageEngine patch failed, message is null"));
   engine.patch(test::userMessage("hi"));
   EXPECT_TRUE(log->has("MessageEngine patch failed, message type is not delta"));
+
+  // A new prompt drops the old turn's answers: a late delta finds nothing.
+  auto early = engine.enqueue(assistantFrame("a3", R"({"t":""})"));
+  engine.enqueue(test::userMessage("next question"));
+  EXPECT_FALSE(engine.enqueue(
+      deltaFrame("a3", json::parse(R"([{"op":"append","path":"/t","value":"late"}])"))));
+  EXPECT_EQ(payloadOf(early), R"({"t":""})");
+  EXPECT_TRUE(log->has("MessageEngine patch failed, message a3 is not found"));
   expectLinesFromPatch(*log);
 }
 

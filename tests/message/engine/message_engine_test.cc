@@ -57,7 +57,82 @@ TEST(MessageEngineTest, PromptOpensASectionAndClearsTheLiveQueue) {
   engine.enqueue(resend);
   EXPECT_EQ(engine.currentSection().section_id, "srv-old");
   EXPECT_EQ(engine.currentSection().local_section_id, "ls-old");
-  EXPECT_EQ(engine.lastMessageByType(MessageKind::User, resend->envelope().local_message_id), resend);
+  EXPECT_EQ(engine.lastMessageByType(MessageKind::User, resend->envelope().local_message_id),
+            resend);
+}
+
+// The index of assistant messages belongs to the turn in progress: a delta
+// for the previous turn's answer is dropped, the answer is no longer kept,
+// and a turn's wrappers are freed by the next prompt.
+TEST(MessageEngineTest, AnswersOfAnEarlierTurnAreForgottenByTheNextPrompt) {
+  test::ScopedLogCapture log;
+  MessageEngine engine("lc1");
+  const json append = json::parse(R"([{"op":"append","path":"/text","value":"+"}])");
+  engine.enqueue(userMessage("first"));
+  std::weak_ptr<MessageBase> first_answer;
+  {
+    auto answer = engine.enqueue(assistantFrame("a1", R"({"text":""})", "s1", ""));
+    ASSERT_TRUE(answer);
+    first_answer = answer;
+    EXPECT_EQ(engine.enqueue(deltaFrame("a1", append)), answer);
+    EXPECT_EQ(json::parse(test::payloadOf(answer))["text"], "+");
+  }
+  engine.enqueue(userMessage("second"));
+  EXPECT_TRUE(first_answer.expired()) << "the previous turn's answer is still held";
+  EXPECT_FALSE(engine.enqueue(deltaFrame("a1", append)));
+  EXPECT_EQ(log->count("MessageEngine patch failed, message a1 is not found"), 1u);
+  EXPECT_FALSE(engine.assistantSnapshot("a1"));
+
+  // A cancel stays in the turn: its answer keeps streaming into the index.
+  auto answer = engine.enqueue(assistantFrame("a2", R"({"text":""})", "s2", ""));
+  engine.enqueue(userMessage("", std::string("cancel")));
+  EXPECT_EQ(engine.enqueue(deltaFrame("a2", append)), answer);
+}
+
+// Acknowledgements go through the engine: they bring the server's section
+// id in for the turn they belong to, and are neither queued nor indexed.
+TEST(MessageEngineTest, AcknowledgementsNameTheSectionOfTheirTurnOnly) {
+  test::ScopedLogCapture log;
+  MessageEngine engine("lc1");
+  const auto ack = [](const std::string& local_message_id, const std::string& section_id,
+                      const std::string& local_section_id) {
+    return MessageProcessor::parse(test::downlinkFrame("message",
+                                                       {{"message_id", "srv-" + local_message_id},
+                                                        {"local_message_id", local_message_id},
+                                                        {"role", "user"},
+                                                        {"status", 2}},
+                                                       section_id, local_section_id));
+  };
+  auto first = userMessage("first");
+  engine.enqueue(first);
+  const std::string first_section = engine.currentSection().local_section_id;
+  const std::string first_id = first->envelope().local_message_id;
+
+  // Named by its local section id.
+  auto named = ack(first_id, "s1", first_section);
+  ASSERT_TRUE(std::dynamic_pointer_cast<AssistantMessageWrapper>(named)->isAcknowledgement());
+  EXPECT_EQ(engine.enqueue(named), named);
+  EXPECT_EQ(engine.currentSection().section_id, "s1");
+  EXPECT_FALSE(engine.lastMessageByType(MessageKind::Assistant, ""));
+
+  // A reply of the turn now carries the server's section id.
+  auto reply = userMessage("", std::string("retry"));
+  engine.enqueue(reply);
+  EXPECT_EQ(reply->sectionId(), "s1");
+
+  // The next prompt; a late acknowledgement of the first one leaves it alone.
+  auto second = userMessage("second");
+  engine.enqueue(second);
+  auto late = ack(first_id, "s1", first_section);
+  EXPECT_EQ(engine.enqueue(late), late);
+  EXPECT_TRUE(engine.currentSection().section_id.empty());
+  // Also without a local section id, when its message is not of this turn...
+  auto unnamed = ack(first_id, "s1", "");
+  EXPECT_EQ(engine.enqueue(unnamed), unnamed);
+  EXPECT_TRUE(engine.currentSection().section_id.empty());
+  // ...and with the message of this turn in the live queue it names it.
+  engine.enqueue(ack(second->envelope().local_message_id, "s2", ""));
+  EXPECT_EQ(engine.currentSection().section_id, "s2");
 }
 
 TEST(MessageEngineTest, AssistantMessagesOfAnOlderTurnAreDropped) {
@@ -104,13 +179,15 @@ TEST(MessageEngineTest, StreamAndSectionCompletion) {
   auto error = engine.enqueue(systemFrame(42, "quota", "s1", local));
   ASSERT_TRUE(error);
   EXPECT_TRUE(log->has("System message: code = 42, msg = quota"));
-  EXPECT_EQ(std::dynamic_pointer_cast<SystemMessageWrapper>(error)->message()->section->section_id, "s1");
+  EXPECT_EQ(std::dynamic_pointer_cast<SystemMessageWrapper>(error)->message()->section->section_id,
+            "s1");
 }
 
 class EchoHandler : public ICustomMessageHandler {
  public:
   explicit EchoHandler(MessageEngine* engine) : engine_(engine) {}
-  void onCustomMessage(const CustomMessage& message, std::optional<CustomMessage>& handled) override {
+  void onCustomMessage(const CustomMessage& message,
+                       std::optional<CustomMessage>& handled) override {
     // Calling back into the engine proves no engine lock is held here.
     engine_->lastMessageByType(MessageKind::Assistant, "");
     ++calls;
@@ -155,7 +232,8 @@ TEST(MessageEngineTest, CustomMessagesGoThroughTheHostHandler) {
 TEST(MessageEngineTest, HistoryKeepsSectionsAndTakesTheLatestOne) {
   test::ScopedLogCapture log;
   MessageEngine engine("lc1");
-  const auto user = [](const std::string& text, const std::string& section, const std::string& local) {
+  const auto user = [](const std::string& text, const std::string& section,
+                       const std::string& local) {
     auto message = userMessage(text);
     message->setSectionIds(section, local);
     return message;
@@ -241,11 +319,14 @@ TEST(MessageEngineTest, ReadersSeeConsistentPayloadsWhileDeltasStream) {
       engine.lastMessageByType(MessageKind::Assistant, "");
     }
   });
-  const auto append = deltaFrame("a1", json::parse(R"([{"op":"append","path":"/text","value":"abc"}])"));
+  const auto append =
+      deltaFrame("a1", json::parse(R"([{"op":"append","path":"/text","value":"abc"}])"));
   for (int i = 0; i < 2000; ++i) engine.enqueue(append);
   done = true;
   reader.join();
-  EXPECT_EQ(json::parse(engine.assistantSnapshot("a1")->content->content)["text"].get<std::string>().size(),
+  EXPECT_EQ(json::parse(engine.assistantSnapshot("a1")->content->content)["text"]
+                .get<std::string>()
+                .size(),
             6000u);
   EXPECT_LE(longest, 6000u);
 }

@@ -34,8 +34,8 @@ TEST(WrappersTest, UserMessageFromInputBecomesTheUplinkFrame) {
   test::ScopedLogCapture log;
   InputMessage input;
   input.content = MessageContent("hello", 1);
-  input.context = Context(std::vector<std::string>{"draft"}, std::nullopt, std::string("ref"),
-                          std::nullopt);
+  input.context =
+      Context(std::vector<std::string>{"draft"}, std::nullopt, std::string("ref"), std::nullopt);
   input.extra = "opaque";
   auto wrapper = UserMessageWrapper::fromInput(input, "lc", "");
   wrapper->setSectionIds("", "ls");
@@ -49,9 +49,11 @@ TEST(WrappersTest, UserMessageFromInputBecomesTheUplinkFrame) {
   EXPECT_EQ(wrapper->marshal(),
             R"({"conversation_id":"","local_conversation_id":"lc","reply_message_id":"",)"
             R"("section_id":"","local_section_id":"ls","messages":[{"message_id":"",)"
-            R"("local_message_id":")" + id + R"(","role":"user","content":{"payload":"hello",)"
-            R"("content_type":1},"create_time":42,"status":2,"is_complete":true}],)"
-            R"("context":{"drafts":["draft"],"refer":"ref"},"extra":"opaque"})");
+            R"("local_message_id":")" +
+                id +
+                R"(","role":"user","content":{"payload":"hello",)"
+                R"("content_type":1},"create_time":42,"status":2,"is_complete":true}],)"
+                R"("context":{"drafts":["draft"],"refer":"ref"},"extra":"opaque"})");
 
   // A second sync keeps the id; engine changes made after sync still show.
   wrapper->sync();
@@ -97,6 +99,45 @@ TEST(WrappersTest, AssistantAndSystemBuildTheirPublicRecordOnce) {
   EXPECT_EQ(system.message(), record);
   EXPECT_EQ(record->msg, "stream_complete");
   EXPECT_EQ(system.marshal(), R"({"code":0,"msg":"stream_complete"})");
+}
+
+// A stored or recovered user frame without messages is refused from the
+// function the log line names, whichever way the frame was read; the
+// stored answer of a frame without "role" reads back as an answer.
+TEST(WrappersTest, RefusalsNameTheirFunctionAndAnswersKeepTheirRole) {
+  test::ScopedLogCapture log;
+  UserMessageWrapper from_text;
+  EXPECT_FALSE(from_text.unmarshal(std::string(R"({"messages":[]})")));
+  UserMessageWrapper from_json;
+  EXPECT_FALSE(from_json.unmarshal(idl::Json::parse(R"({"messages":[]})")));
+  size_t named = 0;
+  for (const auto& line : log->lines()) {
+    if (line.find("messages is empty") == std::string::npos) continue;
+    EXPECT_NE(line.find(":unmarshal:"), std::string::npos) << line;
+    ++named;
+  }
+  EXPECT_EQ(named, 2u);
+
+  const struct {
+    const char* content;
+    AssistantMessageWrapper::RoleText role;
+  } roles[] = {
+      {R"({"message_id":"a"})", AssistantMessageWrapper::RoleText::Absent},
+      {R"({"message_id":"a","role":"user"})", AssistantMessageWrapper::RoleText::User},
+      {R"({"message_id":"a","role":"assistant"})", AssistantMessageWrapper::RoleText::Assistant},
+      {R"({"message_id":"a","role":"system"})", AssistantMessageWrapper::RoleText::Other},
+  };
+  for (const auto& c : roles) {
+    AssistantMessageWrapper wrapper;
+    ASSERT_TRUE(wrapper.unmarshal(c.content)) << c.content;
+    EXPECT_EQ(wrapper.roleText(), c.role) << c.content;
+  }
+  AssistantMessageWrapper without_role;
+  ASSERT_TRUE(without_role.unmarshal(R"({"message_id":"a","content":{"payload":"{}"}})"));
+  without_role.sync();
+  AssistantMessageWrapper read_back;
+  ASSERT_TRUE(read_back.unmarshal(without_role.marshal()));
+  EXPECT_EQ(read_back.roleText(), AssistantMessageWrapper::RoleText::Assistant);
 }
 
 }  // namespace

@@ -74,8 +74,12 @@ MessagePtr MessageEngine::enqueueUser(const MessagePtr& message) {
   if (record) {
     record->source = MessageSource::Live;
     if (!user->localSectionId().empty()) {
-      // A message of a turn already open (resend, cancel) re-adopts its ids.
-      section_id_ = user->sectionId();
+      // A message of a turn already open (resend, cancel) re-adopts its ids;
+      // but one that names the turn in progress without its server id (read
+      // before the server named it) keeps the server id.
+      if (user->localSectionId() != local_section_id_ || !user->sectionId().empty()) {
+        section_id_ = user->sectionId();
+      }
       local_section_id_ = user->localSectionId();
     } else if (isPrompt(message)) {
       const std::string next = generateUniqueId();
@@ -91,6 +95,9 @@ MessagePtr MessageEngine::enqueueUser(const MessagePtr& message) {
           "message queue, current queue size: %zu",
           queue_.size());
       queue_.clear();
+      // The answers of earlier turns are done with: a late delta for one of
+      // them is dropped ("is not found") instead of growing it.
+      assistant_index_.clear();
     }
     if (record->action && *record->action == kCancelAction) {
       ORVI_LOGI("user message action is cancel, means cancel current conversation");
@@ -115,6 +122,7 @@ MessagePtr MessageEngine::enqueueAssistant(const MessagePtr& message) {
     ORVI_LOGE("Invalid Assistant message from server");
     return nullptr;
   }
+  if (assistant->isAcknowledgement()) return enqueueAcknowledgement(*assistant, message);
   std::lock_guard<std::mutex> state(state_mutex_);
   if (!assistant->localSectionId().empty() && !local_section_id_.empty() &&
       assistant->localSectionId() != local_section_id_) {
@@ -142,6 +150,35 @@ MessagePtr MessageEngine::enqueueAssistant(const MessagePtr& message) {
   queue_.push_back(message);
   // A later message with the same id replaces the entry.
   assistant_index_[record->message_id] = message;
+  return message;
+}
+
+// An acknowledgement is where the server first names a prompt's section, so
+// it brings the section id in, as an answer would; it is neither queued nor
+// indexed. One for a message of an earlier turn (a late acknowledgement of
+// the previous prompt) still settles that message, but leaves the turn in
+// progress alone. Without a local section id it counts as this turn's when
+// the message it acknowledges is in the live queue.
+MessagePtr MessageEngine::enqueueAcknowledgement(const AssistantMessageWrapper& ack,
+                                                 const MessagePtr& message) {
+  const std::string& local_message_id = ack.envelope().local_message_id;
+  std::lock_guard<std::mutex> state(state_mutex_);
+  bool this_turn = !local_section_id_.empty() && ack.localSectionId() == local_section_id_;
+  if (ack.localSectionId().empty() && !local_message_id.empty()) {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    for (const auto& queued : queue_) {
+      if (queued->type() == MessageKind::User &&
+          queued->envelope().local_message_id == local_message_id) {
+        this_turn = true;
+        break;
+      }
+    }
+  }
+  if (this_turn && !ack.sectionId().empty() && ack.sectionId() != section_id_) {
+    ORVI_LOGI("assistant message update section id from (%s) to (%s)", section_id_.c_str(),
+              ack.sectionId().c_str());
+    section_id_ = ack.sectionId();
+  }
   return message;
 }
 
@@ -178,8 +215,7 @@ MessagePtr MessageEngine::enqueueSystem(const MessagePtr& message) {
       if ((*it)->type() != MessageKind::Assistant) continue;
       auto* assistant = static_cast<AssistantMessageWrapper*>(it->get());
       if (assistant->message()) {
-        ORVI_LOGI("Assistant message %s status %d -> %d",
-                  assistant->message()->message_id.c_str(),
+        ORVI_LOGI("Assistant message %s status %d -> %d", assistant->message()->message_id.c_str(),
                   static_cast<int>(assistant->message()->status),
                   static_cast<int>(MessageStatus::Completed));
         assistant->message()->status = MessageStatus::Completed;
@@ -255,6 +291,11 @@ void MessageEngine::stash(const MessagePtr& message) {
   }
   std::lock_guard<std::mutex> lock(queue_mutex_);
   stash_.push_back(message);
+}
+
+bool MessageEngine::hasStashed() {
+  std::lock_guard<std::mutex> lock(queue_mutex_);
+  return !stash_.empty();
 }
 
 MessagePtr MessageEngine::popStashed() {
@@ -336,10 +377,9 @@ std::vector<MessagePtr> MessageEngine::takeHistorySection(bool latest_only) {
       const std::string local_target = newest->localSectionId();
       while (first != history_.begin()) {
         const MessageBase& previous = **std::prev(first);
-        const bool same_section =
-            previous.sectionId() == target ||
-            (previous.sectionId().empty() && !local_target.empty() &&
-             previous.localSectionId() == local_target);
+        const bool same_section = previous.sectionId() == target ||
+                                  (previous.sectionId().empty() && !local_target.empty() &&
+                                   previous.localSectionId() == local_target);
         if (!same_section) break;
         --first;
       }
@@ -381,9 +421,10 @@ void MessageEngine::recoverSectionId(const std::string& section_id,
     ORVI_LOGI("local_conversation_id(%s) update section_id: %s", local_conversation_id_.c_str(),
               section_id_.c_str());
   } else {
-    ORVI_LOGW("Attempt to recover section_id %s for local_conversation_id %s, but it is already "
-              "set to %s",
-              section_id.c_str(), local_conversation_id_.c_str(), section_id_.c_str());
+    ORVI_LOGW(
+        "Attempt to recover section_id %s for local_conversation_id %s, but it is already "
+        "set to %s",
+        section_id.c_str(), local_conversation_id_.c_str(), section_id_.c_str());
   }
   if (local_section_id_.empty()) {
     // Deliberately the server's section id, not `local_section_id`: a section
@@ -393,10 +434,10 @@ void MessageEngine::recoverSectionId(const std::string& section_id,
     ORVI_LOGI("local_conversation_id(%s) update local_section_id: %s",
               local_conversation_id_.c_str(), local_section_id_.c_str());
   } else {
-    ORVI_LOGW("Attempt to recover local_section_id %s for local_conversation_id %s, but it is "
-              "already set to %s",
-              local_section_id.c_str(), local_conversation_id_.c_str(),
-              local_section_id_.c_str());
+    ORVI_LOGW(
+        "Attempt to recover local_section_id %s for local_conversation_id %s, but it is "
+        "already set to %s",
+        local_section_id.c_str(), local_conversation_id_.c_str(), local_section_id_.c_str());
   }
 }
 

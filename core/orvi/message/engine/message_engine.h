@@ -1,13 +1,15 @@
 // MessageEngine: one conversation's message queue and section tracker.
 //
 // The conversation hands it every outgoing user message and every incoming
-// server message. The engine stamps each with the current section ids, keeps
-// the live queue of the turn in progress, tracks the section pair
-// (section_id_, local_section_id_) through its states (idle, prompt sent,
-// section open, back to idle on "section_complete"), applies streamed deltas
-// to their assistant messages, hands custom messages to the host's handler,
-// and keeps two further lists: messages stashed during a recovery and
-// messages restored from local history.
+// server message, acknowledgements included. The engine stamps each with the
+// current section ids, keeps the live queue and the index of assistant
+// messages of the turn in progress (both emptied by the next prompt, so a
+// conversation's memory does not grow with its length), tracks the section
+// pair (section_id_, local_section_id_) through its states (idle, prompt
+// sent, section open, back to idle on "section_complete"), applies streamed
+// deltas to their assistant messages, hands custom messages to the host's
+// handler, and keeps two further lists: messages stashed during a recovery
+// and messages restored from local history.
 //
 // Owned by its ConversationImpl; the sending thread and the receiving
 // thread call it at the same time. Locking: state_mutex_ guards the section
@@ -46,15 +48,17 @@ class MessageEngine {
   MessageEngine& operator=(const MessageEngine&) = delete;
 
   // Takes a message in and returns the one the conversation goes on with:
-  // the same wrapper, the patched assistant message for a delta, the
-  // completed assistant message for "stream_complete", the handler's
-  // assistant message for a custom one, or null when it is dropped.
+  // the same wrapper (also for an acknowledgement, which brings the server's
+  // section id in), the patched assistant message for a delta, the completed
+  // assistant message for "stream_complete", the handler's assistant message
+  // for a custom one, or null when it is dropped.
   MessagePtr enqueue(const MessagePtr& message);
 
   // Holds a server message back while a recovery runs (user messages are
   // refused); popStashed returns them oldest first, null when none is left.
   void stash(const MessagePtr& message);
   MessagePtr popStashed();
+  bool hasStashed();
 
   // Adds a message read back from local history; null when refused or
   // already there.
@@ -88,6 +92,7 @@ class MessageEngine {
  private:
   MessagePtr enqueueUser(const MessagePtr& message);
   MessagePtr enqueueAssistant(const MessagePtr& message);
+  MessagePtr enqueueAcknowledgement(const AssistantMessageWrapper& ack, const MessagePtr& message);
   MessagePtr enqueueDelta(const MessagePtr& message);
   MessagePtr enqueueSystem(const MessagePtr& message);
   MessagePtr enqueueCustom(const MessagePtr& message);
@@ -95,15 +100,15 @@ class MessageEngine {
   const std::string local_conversation_id_;
 
   mutable std::mutex state_mutex_;
-  std::string section_id_;        // guarded by state_mutex_
-  std::string local_section_id_;  // guarded by state_mutex_
+  std::string section_id_;               // guarded by state_mutex_
+  std::string local_section_id_;         // guarded by state_mutex_
   RunMode run_mode_ = RunMode::Default;  // guarded by state_mutex_
-  std::string babi_params_;       // guarded by state_mutex_
+  std::string babi_params_;              // guarded by state_mutex_
 
   std::mutex queue_mutex_;
-  std::list<MessagePtr> queue_;                                      // guarded by queue_mutex_
-  std::list<MessagePtr> stash_;                                      // guarded by queue_mutex_
-  std::unordered_map<std::string, MessagePtr> assistant_index_;      // guarded by queue_mutex_
+  std::list<MessagePtr> queue_;                                  // guarded by queue_mutex_
+  std::list<MessagePtr> stash_;                                  // guarded by queue_mutex_
+  std::unordered_map<std::string, MessagePtr> assistant_index_;  // guarded by queue_mutex_
 
   std::mutex history_mutex_;
   std::list<MessagePtr> history_;  // guarded by history_mutex_

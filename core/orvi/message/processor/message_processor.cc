@@ -111,7 +111,7 @@ MessagePtr MessageProcessor::_parseWithin(const std::string& text, size_t max_in
 
 MessagePtr MessageProcessor::_parseLocalMessage(const idl::Json& json) {
   auto wrapper = std::make_shared<UserMessageWrapper>();
-  if (!wrapper->unmarshalJson(json)) return nullptr;
+  if (!wrapper->unmarshal(json)) return nullptr;
   ORVI_LOGD(
       "Parse local message: conversation_id=%s, local_conversation_id=%s, section_id=%s, "
       "local_section_id=%s",
@@ -125,12 +125,13 @@ MessagePtr MessageProcessor::_parseRemoteMessage(const idl::DownlinkMessage& fra
   MessagePtr wrapper;
   switch (frame.event) {
     case idl::RemoteEventType::Message: {
-      wrapper = std::make_shared<AssistantMessageWrapper>();
+      auto message = std::make_shared<AssistantMessageWrapper>();
       // A frame without content still names the message's ids and time.
       if (!frame.content.empty()) {
-        if (!wrapper->unmarshal(frame.content)) return nullptr;
-        wrapper->sync();
+        if (!message->unmarshal(frame.content)) return nullptr;
+        _classifyMessage(*message);
       }
+      wrapper = message;
       break;
     }
     case idl::RemoteEventType::Delta:
@@ -165,6 +166,22 @@ MessagePtr MessageProcessor::_parseRemoteMessage(const idl::DownlinkMessage& fra
       ids.local_conversation_id.c_str(), ids.section_id.c_str(), ids.local_section_id.c_str(),
       ids.extra.value_or(std::string()).c_str());
   return wrapper;
+}
+
+// A "message" frame is the server's answer unless its content names the
+// role "user": then it is the server's acknowledgement of a user message,
+// which echoes that message back. A content without "role" is an answer
+// too. A role that is neither gets no public record, so the conversation
+// refuses it as an invalid assistant message, as it refuses a frame with no
+// content at all.
+void MessageProcessor::_classifyMessage(AssistantMessageWrapper& message) {
+  using RoleText = AssistantMessageWrapper::RoleText;
+  switch (message.roleText()) {
+    case RoleText::User: message.markAcknowledgement(); return;
+    case RoleText::Assistant:
+    case RoleText::Absent: message.sync(); return;
+    case RoleText::Other: return;
+  }
 }
 
 bool MessageProcessor::_unCompressContent(std::string& content, const idl::Compression& compression,

@@ -22,6 +22,7 @@
 
 namespace orvi {
 
+class AssistantMessageWrapper;
 // The default cap on a live downlink frame, and on its content once inflated.
 constexpr size_t kDefaultMaxDownlinkFrameBytes = 16u << 20;
 // REST reply bodies longer than this are refused unread.
@@ -88,6 +89,7 @@ class MessageProcessor {
   static bool parseConversationBatchDeleteResp(const std::string& body);
 
  private:
+  static void _classifyMessage(AssistantMessageWrapper& message);
   static std::string _marshalRemoteMessage(const MessagePtr& message, idl::RemoteEventType event);
   static RecoveredSection _toRecoveredSection(const idl::RecoverSectionData& data);
   static MessagePtr _wrapRecoveredMessage(const idl::RecoverMessage& message);

@@ -1,6 +1,11 @@
-// The wrapper of an assistant message: the wire message the server sent and
-// the public AssistantMessage built from it once. Streamed deltas change the
-// public record; marshal writes the message as it stands now.
+// The wrapper of a "message" frame's content: the wire message the server
+// sent and the public AssistantMessage built from it once. Streamed deltas
+// change the public record; marshal writes the message as it stands now.
+//
+// The same frame kind also carries the server's acknowledgement of a user
+// message (the message echoed back with role "user"). unmarshal notes the
+// role as written, and the message processor decides from it what the frame
+// is (see MessageProcessor::_parseRemoteMessage).
 #pragma once
 
 #include <memory>
@@ -15,6 +20,10 @@ namespace orvi {
 
 class AssistantMessageWrapper : public MessageBase {
  public:
+  // The content's "role" as the text gave it (an absent or unknown role
+  // reads as "user" in the wire record, so the record alone cannot tell).
+  enum class RoleText { Absent, User, Assistant, Other };
+
   AssistantMessageWrapper() = default;
 
   MessageKind type() const override { return MessageKind::Assistant; }
@@ -30,12 +39,19 @@ class AssistantMessageWrapper : public MessageBase {
     streaming_document_.reset();
   }
   const idl::Message& wire() const { return wire_; }
+  RoleText roleText() const { return role_text_; }
+  // An acknowledgement settles a sent user message; it is not an answer and
+  // has no public record.
+  bool isAcknowledgement() const { return acknowledgement_; }
+  void markAcknowledgement() { acknowledgement_ = true; }
   // The parsed payload kept for delta patching (MessageEngine::patch), which
   // guards it with the engine's lock.
   StreamingDocument& streamingDocument() { return streaming_document_; }
 
  private:
   idl::Message wire_;
+  RoleText role_text_ = RoleText::Absent;
+  bool acknowledgement_ = false;
   StreamingDocument streaming_document_;
   std::shared_ptr<AssistantMessage> message_;
 };

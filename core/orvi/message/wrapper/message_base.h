@@ -44,7 +44,11 @@ struct MessageEnvelope {
 
 class MessageBase {
  public:
-  virtual ~MessageBase() = default;
+  virtual ~MessageBase();
+
+  // Wrappers alive in the process. A conversation keeps only its current
+  // turn, so the count stays flat however long it runs (tests measure it).
+  static int64_t liveCount();
 
   virtual MessageKind type() const = 0;
   // Brings wire and public record into agreement (see each wrapper).
@@ -65,8 +69,8 @@ class MessageBase {
   }
 
  protected:
-  MessageBase() = default;
-  MessageBase(const MessageBase&) = default;
+  MessageBase();
+  MessageBase(const MessageBase& other);
   MessageBase& operator=(const MessageBase&) = default;
 
  private:

@@ -1,7 +1,5 @@
 #include "orvi/message/wrapper/user_message_wrapper.h"
 
-#include <exception>
-
 #include "orvi/message/processor/wire_conversion.h"
 #include "orvi/message/wrapper/wire_text.h"
 #include "orvi/utils/logger.h"
@@ -79,7 +77,9 @@ idl::UplinkMessage UserMessageWrapper::uplink() const {
   return uplink;
 }
 
-std::string UserMessageWrapper::marshal() const { return idl::toText(uplink()); }
+std::string UserMessageWrapper::marshal() const {
+  return idl::toText(uplink());
+}
 
 bool UserMessageWrapper::unmarshal(const std::string& text) {
   idl::UplinkMessage uplink;
@@ -89,7 +89,7 @@ bool UserMessageWrapper::unmarshal(const std::string& text) {
   return false;
 }
 
-bool UserMessageWrapper::unmarshalJson(const idl::Json& json) {
+bool UserMessageWrapper::unmarshal(const idl::Json& json) {
   if (adoptUplink(json.get<idl::UplinkMessage>())) return true;
   ORVI_LOGE("messages is empty");
   return false;
@@ -135,7 +135,9 @@ idl::Options& UserMessageWrapper::options() {
   return *uplink_.options;
 }
 
-void UserMessageWrapper::setRunMode(const std::string& run_mode) { options().run_mode = run_mode; }
+void UserMessageWrapper::setRunMode(const std::string& run_mode) {
+  options().run_mode = run_mode;
+}
 
 void UserMessageWrapper::setBabiParams(const std::string& babi_params) {
   options().babi_params = babi_params;

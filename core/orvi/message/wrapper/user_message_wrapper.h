@@ -32,10 +32,10 @@ class UserMessageWrapper : public MessageBase {
   // The uplink frame as it stands now (ids and public fields included).
   std::string marshal() const override;
   bool unmarshal(const std::string& text) override;
-  // As unmarshal, from JSON already parsed. A badly typed member throws the
+  // As above, from JSON already parsed. A badly typed member throws the
   // JSON library's type error: the caller holds the text the tree came from
   // and logs that, never a re-serialisation of the tree.
-  bool unmarshalJson(const idl::Json& json);
+  bool unmarshal(const idl::Json& json);
 
   const std::shared_ptr<UserMessage>& message() const { return message_; }
   // The uplink frame as marshal writes it: the stored wire record with the
