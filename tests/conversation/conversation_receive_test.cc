@@ -386,5 +386,72 @@ TEST_F(ConversationReceiveTest, TraceEventsReportEachFactOnce) {
   EXPECT_EQ(counts["conversation_event/close"], 1);
 }
 
+// History keeps the text of an answer as the host was shown it while it
+// streams: checkpoints at most once per interval, the rest at cancel, at a
+// system message, or when the conversation goes, and nothing of the
+// cancelled turn's later output.
+TEST_F(ConversationReceiveTest, StreamedTextIsStoredAsShownWhileItStreams) {
+  const auto storedAnswer = [this](const std::string& conversation_id, const std::string& id) {
+    EXPECT_TRUE(hub_->history()->flush());
+    for (const auto& record : hub_->history()->getMessages(conversation_id)) {
+      const Json json = Json::parse(record);
+      if (!json.contains("content") || !json["content"].is_string()) continue;
+      const Json message = Json::parse(json["content"].get<std::string>());
+      if (message.value("message_id", "") != id) continue;
+      return Json::parse(message["content"]["payload"].get<std::string>()).value("text", "");
+    }
+    return std::string("(not stored)");
+  };
+  const auto checkpointEvery = [](const std::shared_ptr<Conversation>& conversation,
+                                  int64_t interval_ms) {
+    if (const auto impl = std::dynamic_pointer_cast<ConversationImpl>(conversation)) {
+      impl->setCheckpointIntervalMs(interval_ms);
+    } else {
+      ADD_FAILURE() << "not a ConversationImpl";
+    }
+  };
+  server_->setScript([](ScriptedServer& s, const idl::UplinkMessage& up) {
+    if (up.action) {  // the cancel
+      s.deliver(ScriptedServer::ack(up, "c-1", "s-1", "um-c"));
+      s.deliver(ScriptedServer::delta(up, "c-1", "s-1", "am-1", append(" unseen")));
+      return;
+    }
+    s.deliver(ScriptedServer::ack(up, "c-1", "s-1", "um-1"));
+    s.deliver(ScriptedServer::assistant(up, "c-1", "s-1", "am-1", {{"text", ""}}));
+    for (const char* piece : {"one", " two", " three"}) {
+      s.deliver(ScriptedServer::delta(up, "c-1", "s-1", "am-1", append(piece)));
+    }
+  });
+
+  // Each delta stored as it is shown: a kill now keeps all of it.
+  auto conversation = open("every", {});
+  checkpointEvery(conversation, 0);
+  conversation->sendMessage(prompt("q"));
+  ASSERT_TRUE(server_->drain());
+  EXPECT_EQ(storedAnswer("every", "am-1"), "one two three");
+
+  // A long interval stores the first delta only; cancel stores what was
+  // shown since, and not what the cancelled turn sends after it.
+  auto listener = std::make_shared<test::RecordingListener>();
+  auto cancelled = open("cancelled", {}, listener);
+  checkpointEvery(cancelled, 60000);
+  cancelled->sendMessage(prompt("q"));
+  ASSERT_TRUE(server_->drain());
+  EXPECT_EQ(storedAnswer("cancelled", "am-1"), "one");
+  EXPECT_EQ(cancelled->cancel(InputMessage()), 0);
+  ASSERT_TRUE(server_->drain());
+  EXPECT_EQ(storedAnswer("cancelled", "am-1"), "one two three");
+  EXPECT_EQ(textsOf(listener->calls(), "am-1").back(), "one two three");
+
+  // Dropped mid-answer: what was shown is stored as it goes.
+  auto dropped = open("dropped", {}, std::make_shared<test::RecordingListener>());
+  checkpointEvery(dropped, 60000);
+  dropped->sendMessage(prompt("q"));
+  ASSERT_TRUE(server_->drain());
+  EXPECT_EQ(storedAnswer("dropped", "am-1"), "one");
+  dropped.reset();
+  EXPECT_EQ(storedAnswer("dropped", "am-1"), "one two three");
+}
+
 }  // namespace
 }  // namespace orvi

@@ -76,6 +76,7 @@ ConversationImpl::~ConversationImpl() {
     reporter->onConversationClose(conversationId(), local_conversation_id_, section_count_.load(),
                                   0, 0, "");
   }
+  storeCheckpoints();  // an answer cut short keeps the text shown
   if (history_) history_->deactivateConversation(local_conversation_id_);
   ORVI_LOGI("ConversationImpl destroyed, local_id: %s, conversation_id: %s, addr = %p",
             local_conversation_id_.c_str(), conversation_id_.c_str(), static_cast<void*>(this));

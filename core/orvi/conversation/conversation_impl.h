@@ -91,6 +91,10 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   // unless changed; tests shorten it).
   static constexpr int64_t kRecoveryTimeoutMs = 30000;
   void setRecoveryTimeoutMs(int64_t timeout_ms) { recovery_timeout_ms_.store(timeout_ms); }
+  // How often the text of an answer still streaming is stored while the
+  // host is shown it (kCheckpointIntervalMs unless changed; tests shorten it).
+  static constexpr int64_t kCheckpointIntervalMs = 1000;
+  void setCheckpointIntervalMs(int64_t interval_ms) { checkpoint_interval_ms_.store(interval_ms); }
 
  private:
   // A message waited for (and resent while it is): the frame as first
@@ -132,10 +136,12 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   MessagePtr acknowledgedMessage(const std::string& local_message_id, bool* dangling);
   void handleAck(const AssistantMessageWrapper& ack);
   void adoptConversationId(const MessagePtr& message);
-  void dispatch(const MessagePtr& message);
+  bool dispatch(const MessagePtr& message);
   void reportCompleted(const AssistantMessage& message, int64_t first_frame_ms);
   void recordReceived(const MessagePtr& message, const MessagePtr& result);
   void handleStashedMessages();
+  void checkpoint(const MessagePtr& answer);
+  void storeCheckpoints();
 
   // Recovery and history.
   void markRecovered(const RecoveredSection& section);
@@ -185,9 +191,20 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   Recovery recover_remote_sections_count_;
   std::atomic<uint64_t> recovery_generation_{0};
   std::atomic<int64_t> recovery_timeout_ms_{kRecoveryTimeoutMs};
+  std::atomic<int64_t> checkpoint_interval_ms_{kCheckpointIntervalMs};
   std::atomic<int32_t> section_count_{0};
 
   DeliveryQueue delivery_;
+
+  // Answers still streaming, by message id: when each was last stored and
+  // whether the host has been shown more since. Touched by delivery tasks
+  // only (and the destructor), which never run side by side.
+  struct Checkpoint {
+    MessagePtr answer;
+    int64_t stored_ms = 0;
+    bool dirty = false;
+  };
+  std::unordered_map<std::string, Checkpoint> checkpoints_;
 
   // Serialises the engine's decision on a sent message with its tracking.
   std::mutex send_mutex_;

@@ -73,7 +73,7 @@ void ConversationImpl::recvMessage(const MessagePtr& message, bool from_stash) {
   // Stored before the host sees it: a host that answers at once (a tool
   // result, say) must find its reply stored after the message it answers.
   recordReceived(message, result);
-  dispatch(result);
+  if (dispatch(result) && message->type() == MessageKind::Delta) checkpoint(result);
 }
 
 // The user message an acknowledgement names: in the live queue (this
@@ -221,54 +221,56 @@ void ConversationImpl::adoptConversationId(const MessagePtr& message) {
   }
 }
 
-void ConversationImpl::dispatch(const MessagePtr& message) {
+// Returns whether an assistant message was shown to the host.
+bool ConversationImpl::dispatch(const MessagePtr& message) {
   const auto listener = this->listener();
   switch (message->type()) {
     case MessageKind::Assistant: {
       const auto* assistant = dynamic_cast<const AssistantMessageWrapper*>(message.get());
       if (assistant && assistant->isAcknowledgement()) {
         handleAck(*assistant);
-        return;
+        return false;
       }
       if (!assistant || !assistant->message()) {
         ORVI_LOGE("Invalid assistant message from server");
-        return;
+        return false;
       }
       if (just_cancelled_.load() && !popup_assistant_message_after_cancel_) {
         ORVI_LOGI(
             "local conversation(%s) recv message after cancel, just_cancelled_ = %d, "
             "popup_assistant_message_after_cancel_ = %d, skip",
             local_conversation_id_.c_str(), 1, popup_assistant_message_after_cancel_);
-        return;
+        return false;
       }
       const auto snapshot = engine_->assistantSnapshot(assistant->message()->message_id);
       const AssistantMessage& delivered = snapshot ? *snapshot : *assistant->message();
       if (listener) listener->onAssistantMessage(delivered);
       reportCompleted(delivered, message->envelope().received_at_ms);
-      return;
+      return true;
     }
     case MessageKind::System: {
       const auto* system = dynamic_cast<const SystemMessageWrapper*>(message.get());
       if (!system || !system->message()) {
         ORVI_LOGE("Invalid system message from server");
-        return;
+        return false;
       }
       const SystemMessage& record = *system->message();
       const SectionInfo section(system->sectionId(), system->localSectionId());
       if (isSectionComplete(record)) {
         if (listener) listener->onSectionStatus(SectionStatus::Completed, false, section);
         if (const auto reporter = this->reporter()) reporter->onSectionCompleted();
-        return;
+        return false;
       }
       clearNotAck();
       if (listener) {
         listener->onSystemMessage(record);
         listener->onSectionStatus(SectionStatus::Ended, false, section);
       }
-      return;
+      return false;
     }
     default: ORVI_LOGE("Unknown message type: %d", static_cast<int>(message->type()));
   }
+  return false;
 }
 
 // An assistant message is traced once, when it is first delivered complete
@@ -296,10 +298,10 @@ void ConversationImpl::reportCompleted(const AssistantMessage& message, int64_t 
 
 // What the history keeps of received traffic is what the host was shown:
 // each assistant message once, rewritten whole when its stream completes
-// (its deltas are folded into it, not stored), and the system messages that
-// went to onSystemMessage. The two completion signals are not kept, nor are
-// acknowledgements (they update the stored user message) or frames refused
-// as invalid.
+// (its deltas are folded into it; while it streams, checkpoints keep the
+// text shown so far), and the system messages that went to onSystemMessage. The two completion
+// signals are not kept, nor are acknowledgements (they update the stored user message) or frames
+// refused as invalid.
 void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePtr& result) {
   if (!history_) return;
   switch (message->type()) {
@@ -313,9 +315,11 @@ void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePt
     }
     case MessageKind::System: {
       if (result != message) {
+        checkpoints_.erase(result->envelope().message_id);
         history_->updateMessage(result);  // "stream_complete": the finished answer
         return;
       }
+      storeCheckpoints();  // the section ended or failed: nothing more will stream
       const auto* system = dynamic_cast<const SystemMessageWrapper*>(message.get());
       if (system && system->message() && !isSectionComplete(*system->message())) {
         history_->recordMessage(message);
@@ -324,6 +328,31 @@ void ConversationImpl::recordReceived(const MessagePtr& message, const MessagePt
     }
     default: return;
   }
+}
+
+// A streamed answer's text is stored as the host was shown it, at most once
+// per checkpoint interval; what is shown in between is stored by the next
+// checkpoint, at the stream's end, at a system message, at cancel, or when
+// the conversation goes. So a crash loses at most one interval of text.
+void ConversationImpl::checkpoint(const MessagePtr& answer) {
+  if (!history_) return;
+  Checkpoint& entry = checkpoints_[answer->envelope().message_id];
+  entry.answer = answer;
+  const int64_t now = steadyMs();
+  if (entry.stored_ms != 0 && now - entry.stored_ms < checkpoint_interval_ms_.load()) {
+    entry.dirty = true;
+    return;
+  }
+  history_->updateMessage(answer);
+  entry.stored_ms = now;
+  entry.dirty = false;
+}
+
+void ConversationImpl::storeCheckpoints() {
+  for (const auto& [id, entry] : checkpoints_) {
+    if (entry.dirty && history_) history_->updateMessage(entry.answer);
+  }
+  checkpoints_.clear();
 }
 
 // Runs as a delivery task, so nothing else is delivered meanwhile; frames

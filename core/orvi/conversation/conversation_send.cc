@@ -42,6 +42,12 @@ int32_t ConversationImpl::cancel(const InputMessage& message) {
   ORVI_LOGI("local conversation(%s) cancel, just_cancelled_ = %d", local_conversation_id_.c_str(),
             just_cancelled_.load());
   just_cancelled_.store(true);
+  {
+    // What the host was shown of the answer being cancelled is stored now;
+    // later output of the cancelled turn is not shown, so not stored.
+    const auto self = keepAlive();
+    delivery_.submit([this] { storeCheckpoints(); });
+  }
   return send(message, SendKind::Cancel).empty() ? -1 : 0;
 }
 
