@@ -233,6 +233,22 @@ TEST_F(ConversationLifecycleTest, RecoveryHoldsLiveFramesBackAndReplaysThemInOrd
   ASSERT_FALSE(calls.recover_statuses.empty());
   EXPECT_EQ(calls.recover_statuses.back().status, RecoverStatus::Started);
   EXPECT_EQ(server_->uplinks().size(), 1u);  // the blocked message never left
+
+  // Paging older sections holds nothing back: sending and live frames go on
+  // while the page is fetched.
+  server_->setRestScript([](const HttpRequest&) {
+    return std::string(R"({"ret":"0","data":{"section_list":[],"has_more":false,"next_cursor":""}})");
+  });
+  ASSERT_TRUE(conversation->recoverRemoteSections("0", 5));
+  server_->push(ScriptedServer::delta(section, "c-1", "s-1", "am-9",
+                                      Json::array({{{"op", "append"}, {"path", "/text"}, {"value", "!"}}})));
+  ASSERT_TRUE(waitFor([](const Calls& c) { return c.assistant_messages.size() == 4; }));
+  EXPECT_EQ(log_->countContaining("is recovering remote history, stash message"), 2u);
+  EXPECT_FALSE(conversation->sendMessage(prompt("not blocked")).empty());
+  EXPECT_EQ(server_->uplinks().size(), 2u);
+  server_->answerHeld();
+  ASSERT_TRUE(waitFor([](const Calls& c) { return c.recover_statuses.size() == 2; }));
+  EXPECT_EQ(listener_->calls().recover_statuses.back().status, RecoverStatus::Completed);
 }
 
 TEST_F(ConversationLifecycleTest, RecoveryAnswersThatFailOrComeTooLate) {

@@ -189,9 +189,12 @@ std::string ConversationImpl::conversationId() const {
   return conversation_id_;
 }
 
+// Only the recovery of the latest section holds traffic back: the section
+// it brings may be the one still streaming. Pages of older sections are
+// history; sending and live frames go on while they are fetched (their
+// answer is still handled in turn with the frames, as a delivery task).
 bool ConversationImpl::isRecovering() const {
-  return recover_remote_section_count_.count.load() != 0 ||
-         recover_remote_sections_count_.count.load() != 0;
+  return recover_remote_section_count_.count.load() != 0;
 }
 
 std::shared_ptr<ConversationListener> ConversationImpl::listener() const {

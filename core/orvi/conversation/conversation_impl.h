@@ -84,6 +84,8 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
 
   const std::string& localConversationId() const { return local_conversation_id_; }
   std::string conversationId() const;
+  // Whether the latest section is being recovered: sending is refused and
+  // received frames are held until it ends.
   bool isRecovering() const;
 
   // How long a recovery waits for the server's answer before it ends as
