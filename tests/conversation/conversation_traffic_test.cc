@@ -123,6 +123,30 @@ TEST_F(ConversationTrafficTest, HistoryAfterARestartShowsWhatWasShownLive) {
   EXPECT_EQ(popped.section_statuses[0].status, SectionStatus::Completed);
   ASSERT_FALSE(popped.recover_statuses.empty());
   EXPECT_EQ(popped.recover_statuses.back().status, RecoverStatus::Delivered);
+
+  // With a limit, the popup hands over the newest messages and a cursor
+  // that leads on to the older ones, never back to the same.
+  conversation.reset();
+  hub_->close("lc-1");
+  ConversationOptions limited;
+  limited.history_message_limited = 1;
+  auto paged = std::make_shared<test::RecordingListener>();
+  conversation = open("lc-1", limited, paged);
+  EXPECT_EQ(conversation->popupHistoryMessages(false, 0, 0), 1);
+  Calls first = paged->calls();
+  ASSERT_EQ(first.assistant_messages.size(), 1u);
+  EXPECT_TRUE(first.user_messages.empty());
+  ASSERT_FALSE(first.recover_statuses.empty());
+  const std::optional<RecoverExtra> extra = first.recover_statuses.back().extra;
+  ASSERT_TRUE(extra);
+  EXPECT_TRUE(extra->has_more);
+  const int32_t cursor = std::stoi(extra->next_cursor);
+  EXPECT_GT(cursor, 0);
+  EXPECT_EQ(conversation->popupHistoryMessages(false, cursor, 5), 1);
+  const Calls second = paged->calls();
+  ASSERT_EQ(second.user_messages.size(), 1u);
+  EXPECT_EQ(second.user_messages[0].local_message_id, live.user_messages.back().local_message_id);
+  EXPECT_EQ(second.assistant_messages.size(), 1u);  // not handed over again
 }
 
 TEST_F(ConversationTrafficTest, ReplyRetryAndCancelStayInTheSectionInProgress) {

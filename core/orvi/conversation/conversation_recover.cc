@@ -39,12 +39,18 @@ bool isKnownRecoverStatus(RecoverStatus status) {
 }  // namespace
 
 // Stored messages of this conversation: a page when `count` is positive
-// (paging back from `cursor`), else the newest history_message_limited_.
+// (paging back from `cursor`), else the newest history_message_limited_
+// (all of them without a limit). A limited read is a page too, so that its
+// cursor leads on to the older messages rather than back to the same ones.
 std::vector<MessagePtr> ConversationImpl::storedMessages(int32_t cursor, int32_t count,
                                                          bool* has_more, int32_t* next_cursor) {
   std::vector<std::string> frames;
   *has_more = false;
   *next_cursor = 0;
+  if (count <= 0 && history_message_limited_ > 0) {
+    cursor = 0;
+    count = history_message_limited_;
+  }
   if (count > 0) {
     MessageQueryResult page = history_->getMessages(local_conversation_id_, cursor, count);
     for (auto& record : page.messages) frames.push_back(std::move(record.content));
@@ -52,11 +58,6 @@ std::vector<MessagePtr> ConversationImpl::storedMessages(int32_t cursor, int32_t
     *next_cursor = page.count;
   } else {
     frames = history_->getMessages(local_conversation_id_);
-    const size_t limit = history_message_limited_ > 0 ? history_message_limited_ : frames.size();
-    if (frames.size() > limit) {
-      frames.erase(frames.begin(), frames.end() - static_cast<std::ptrdiff_t>(limit));
-      *has_more = true;
-    }
   }
   ORVI_LOGI("local_conversation_id = %s, messages size = %zu", local_conversation_id_.c_str(),
             frames.size());
