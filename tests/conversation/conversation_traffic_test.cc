@@ -149,6 +149,55 @@ TEST_F(ConversationTrafficTest, HistoryAfterARestartShowsWhatWasShownLive) {
   EXPECT_EQ(second.assistant_messages.size(), 1u);  // not handed over again
 }
 
+// A prompt is in history from the moment it is sent, also the first one of
+// a conversation the server has not named yet: after a crash before any
+// acknowledgement the app finds the conversation and the prompt, without a
+// server id. Acknowledged later, each prompt stays one row.
+TEST_F(ConversationTrafficTest, APromptIsStoredFromTheMomentItIsSent) {
+  const auto storedPrompts = [this] {
+    EXPECT_TRUE(hub_->history()->flush());
+    std::vector<Json> prompts;
+    for (const auto& record : hub_->history()->getMessages("new-1")) {
+      const Json json = Json::parse(record);
+      if (json.contains("messages")) prompts.push_back(json);
+    }
+    return prompts;
+  };
+  {
+    auto conversation = open("new-1");  // the server never answers
+    conversation->sendMessage(prompt("first"));
+    const auto prompts = storedPrompts();
+    ASSERT_EQ(prompts.size(), 1u);
+    EXPECT_EQ(prompts[0]["messages"][0]["message_id"], "");
+    ASSERT_EQ(hub_->list().size(), 1u);
+    EXPECT_EQ(hub_->list()[0].local_conversation_id, "new-1");
+    EXPECT_EQ(hub_->list()[0].conversation_id, "");
+  }
+
+  hub_.reset();  // the app restarts
+  hub_ = makeHub();
+  auto restored = std::make_shared<test::RecordingListener>();
+  auto conversation = open("new-1", {}, restored);
+  EXPECT_EQ(conversation->popupHistoryMessages(false, 0, 0), 1);
+  const Calls popped = restored->calls();
+  ASSERT_EQ(popped.user_messages.size(), 1u);
+  EXPECT_EQ(popped.user_messages[0].content->content, "first");
+  EXPECT_TRUE(popped.user_messages[0].message_id.empty());  // never acknowledged
+
+  server_->setScript([](ScriptedServer& s, const idl::UplinkMessage& up) {
+    s.deliver(ScriptedServer::ack(up, "c-9", "s-9", "um-" + up.messages[0].local_message_id));
+  });
+  const std::string second = conversation->sendMessage(prompt("second"));
+  ASSERT_TRUE(restored->waitFor([](const Calls& c) { return !c.acks.empty(); }));
+  const auto prompts = storedPrompts();
+  ASSERT_EQ(prompts.size(), 2u);
+  EXPECT_EQ(prompts[0]["messages"][0]["message_id"], "");
+  EXPECT_EQ(prompts[1]["messages"][0]["message_id"], "um-" + second);
+  EXPECT_EQ(prompts[1]["conversation_id"], "c-9");
+  ASSERT_EQ(hub_->list().size(), 1u);
+  EXPECT_EQ(hub_->list()[0].conversation_id, "c-9");
+}
+
 TEST_F(ConversationTrafficTest, ReplyRetryAndCancelStayInTheSectionInProgress) {
   std::atomic<int> late_deltas{0};
   server_->setScript([&](ScriptedServer& s, const idl::UplinkMessage& up) {

@@ -114,6 +114,7 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   int32_t sendInSection(const InputMessage& input, SendKind kind, const char* what);
   bool track(const std::shared_ptr<UserMessageWrapper>& message, const std::string& frame,
              bool new_prompt);
+  void storeSent(const std::shared_ptr<UserMessageWrapper>& message, bool dangling);
   void armAckCheck(const std::string& local_message_id);
   bool isNotAcked(const std::string& local_message_id);
   void resend(const std::string& local_message_id);

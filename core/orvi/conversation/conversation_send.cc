@@ -135,8 +135,8 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
               local_conversation_id_.c_str());
   }
   if (dangling) {
-    // Stored once the server allocates the conversation id, so that its
-    // record carries it.
+    // Stored again once the server allocates the conversation id, so that
+    // its record carries it.
     ORVI_LOGI("local conversation(%s) set dangling message", local_conversation_id_.c_str());
   }
   armAckCheck(local_message_id);
@@ -156,7 +156,7 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
   } else {
     ORVI_LOGE("local conversation(%s) cannot lock transport", local_conversation_id_.c_str());
   }
-  if (!dangling && history_) history_->recordMessage(message);
+  if (history_) storeSent(message, dangling);
   if (new_prompt) {
     section_count_.fetch_add(1);
     if (listener) {
@@ -181,6 +181,21 @@ std::string ConversationImpl::send(const InputMessage& input, SendKind kind) {
   }
   hold.reset();  // what arrived meanwhile is delivered now
   return sent ? local_message_id : std::string();
+}
+
+// A message is stored from the moment it is sent, also before the server
+// has named the conversation (the conversation is stored with it then, so
+// that a restart finds both). Until its acknowledgement the stored record has
+// no server message id: that is how a prompt that never reached the server
+// shows after a restart. The acknowledgement, and the adoption of the
+// conversation id, rewrite the same row.
+void ConversationImpl::storeSent(const std::shared_ptr<UserMessageWrapper>& message,
+                                 bool dangling) {
+  ConversationInfo stored;
+  if (dangling && !history_->findConversation(local_conversation_id_, stored)) {
+    history_->addConversation(local_conversation_id_, std::string(), name_);
+  }
+  history_->recordMessage(message);
 }
 
 // Called with send_mutex_ held. Only the latest prompt is waited for (and
