@@ -54,7 +54,10 @@ for name in "${targets[@]}"; do
   if ! "$dir/fuzz/orvi_${name}_fuzzer" "${limit[@]}" -rss_limit_mb=2048 -malloc_limit_mb=2048 \
       -timeout=10 -print_final_stats=1 -dict=fuzz/orvi.dict \
       -artifact_prefix="$dir/artifacts/$name-" "$work" "fuzz/corpus/$name" >"$log" 2>&1; then
-    status="FAILED, see $log"
+    # Kept beside the artifact: the next run of this target reuses $log.
+    kept="$dir/artifacts/$name-$(date +%Y%m%d-%H%M%S).log"
+    cp "$log" "$kept"
+    status="FAILED, see $kept"
     failed=1
   fi
   elapsed=$(($(date +%s) - start))
