@@ -127,7 +127,12 @@ ChatHost::ChatHost(HostSettings settings, std::shared_ptr<Terminal> terminal)
 
 ChatHost::~ChatHost() {
   stopTransport();
-  session_.reset();
+  session_.reset();  // stores what was shown of an answer cut short
+  // History writes still queued when the process ends would be lost.
+  constexpr int64_t kSaveAtExitMs = 5000;
+  if (configured_ && !orvi::ConversationHub::instance()->flush(kSaveAtExitMs)) {
+    terminal_->line("history", "not everything could be saved before exit");
+  }
 }
 
 bool ChatHost::start(std::string* error) {
@@ -146,6 +151,7 @@ bool ChatHost::start(std::string* error) {
   });
   auto hub = orvi::ConversationHub::instance();
   hub->config(orvi::OrviConfig(settings_.cache_dir, 30, true), history);
+  configured_ = true;
   HubEvents::instance()->setTerminal(terminal_);
   hub->listen(HubEvents::instance());
   hub->connect(Relay::instance());

@@ -83,6 +83,7 @@ class ChatHost {
   std::shared_ptr<Relay> relay_;
   std::shared_ptr<orvi::net::NetTransport> net_;
   std::unique_ptr<ChatSession> session_;
+  bool configured_ = false;  // the hub was configured over this host's history
 };
 
 }  // namespace orvi_chat
