@@ -45,6 +45,16 @@ json recordOf(const std::string& frame) {
   return json::parse(frame).at("sync_infos").at(0);
 }
 
+// A reply goes out at once, but on the sender thread when a round is still
+// running there; waits until the reply is the last frame sent.
+template <typename Sender>
+bool replyWasSentLast(const Sender& sender, const std::string& id) {
+  return waitUntil([&] {
+    const auto frames = sender.frames();
+    return !frames.empty() && recordOf(frames.back()).at("id") == id;
+  });
+}
+
 std::string nack(const std::string& id, int64_t index, int32_t fragment) {
   return R"({"id":")" + id + R"(","action":"nack","index":)" + std::to_string(index) +
          R"(,"fragment":{"total":3,"index":)" + std::to_string(fragment) + "}}";
@@ -144,6 +154,7 @@ TEST(SyncChannelTest, AFailingTransportGetsBoundedResendsThenTheRecordIsDropped)
     ASSERT_TRUE(waitUntil([&] { return host.listener->events().size() == reports; }));
     host.sender->fail_sends = false;
     host.send("barrier", "b", SyncInfoType::Reply);  // a round of its own: "a" stays settled
+    ASSERT_TRUE(replyWasSentLast(*host.sender, "barrier"));
 
     EXPECT_EQ(host.sender->attempts().size(), attempts + 1);
     EXPECT_EQ(host.sender->frames().size(), delivered ? 2u : 1u);
@@ -198,6 +209,7 @@ TEST(SyncChannelTest, FragmentsReassembleAndOnlyAValidNackResendsOne) {
       EXPECT_EQ(host.sender->frames().size(), frames.size());
     }
     host.send("after", "", SyncInfoType::Reply);
+    ASSERT_TRUE(replyWasSentLast(*host.sender, "after"));
     ASSERT_EQ(host.sender->frames().size(), frames.size() + 2);  // the fragment once, then "after"
     EXPECT_EQ(host.sender->frames()[frames.size()], frames[1]);
     // Empty content cannot be compressed: it goes plain, and the log says so.

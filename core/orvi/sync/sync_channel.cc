@@ -47,6 +47,10 @@ SyncChannelImpl::SyncChannelImpl(const SyncChannelOptions& options)
 }
 
 SyncChannelImpl::~SyncChannelImpl() {
+  // The sender thread may hold the SyncQos for a round; once it has
+  // stopped, ours is normally the last reference, and the records still
+  // waiting are reported before the host's release returns.
+  if (qos_) qos_->stopSender();
   ORVI_LOGI("SyncChannelImpl(%p) destroyed", ptr(this));
 }
 

@@ -57,28 +57,7 @@ SyncQos::SyncQos(int32_t send_interval_ms, int32_t max_stash_count, int32_t fail
 }
 
 SyncQos::~SyncQos() {
-  bool started;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    started = started_;
-    stop_ = true;
-  }
-  if (send_interval_ms_ < 1 || !started) {
-    ORVI_LOGI(
-        "SyncQos sender thread not started or not needed; destructor skip thread join/detach");
-  } else {
-    cv_.notify_all();
-    if (std::this_thread::get_id() == thread_.get_id()) {
-      // The last reference went away on the sender thread, after its round:
-      // joining would wait for ourselves. The loop notices the expired owner
-      // and leaves without touching this object again.
-      thread_.detach();
-      ORVI_LOGW("SyncQos sender thread detached in its own context");
-    } else {
-      thread_.join();
-      ORVI_LOGI("SyncQos sender thread joined");
-    }
-  }
+  stopSender();
 
   // What never left, or never finished, is reported once as not sent.
   SentResultsBuilder unsent;
@@ -106,6 +85,34 @@ SyncQos::~SyncQos() {
   for (const auto& result : results.results) count += result.indexes.size();
   ORVI_LOGW("SyncQos destroyed with %zu records not sent, reporting them as failed", count);
   notify(false, results);
+}
+
+void SyncQos::stopSender() {
+  bool started, stopped_before;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    started = started_;
+    stopped_before = stop_;
+    stop_ = true;
+  }
+  if (stopped_before) return;
+  if (send_interval_ms_ < 1 || !started) {
+    ORVI_LOGI(
+        "SyncQos sender thread not started or not needed; destructor skip thread join/detach");
+    return;
+  }
+  cv_.notify_all();
+  if (std::this_thread::get_id() == thread_.get_id()) {
+    // Stopped on the sender thread, from inside its round (the host dropped
+    // the channel in a callback, or the last reference went away there):
+    // joining would wait for ourselves. The loop sees the stop flag or the
+    // expired owner and leaves without touching this object again.
+    thread_.detach();
+    ORVI_LOGW("SyncQos sender thread detached in its own context");
+  } else {
+    thread_.join();
+    ORVI_LOGI("SyncQos sender thread joined");
+  }
 }
 
 void SyncQos::connect(const std::shared_ptr<Transport>& transport) {

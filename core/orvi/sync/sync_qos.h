@@ -88,6 +88,12 @@ class SyncQos : public RefContained {
   void connect(const std::shared_ptr<Transport>& transport);
   void setListener(const std::shared_ptr<SyncChannelListener>& listener);
   void setFileUploader(const std::shared_ptr<IFileUploader>& uploader);
+  // Ends the sender thread once: it is joined, so a round in progress
+  // finishes first, unless this runs on the sender thread itself, which is
+  // then detached. Called by the owning channel as it goes, so that what
+  // the destructor reports is reported before the host's last release
+  // returns; the destructor calls it too.
+  void stopSender();
 
   // Checks and queues the record; a record that is not valid UTF-8, or that
   // would take the queue over its cap, is refused and reported at once. A
