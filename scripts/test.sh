@@ -47,7 +47,7 @@ for variant in "${variants[@]}"; do
       # kernels with high mmap randomisation.
       export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}"
       if setarch "$(uname -m)" -R true 2>/dev/null; then
-        setarch "$(uname -m)" -R bash -c "$(declare -f run_variant); jobs=$jobs; run_variant tsan -DORVI_SANITIZE=thread -DORVI_BUILD_EXAMPLES=OFF -DCMAKE_CXX_FLAGS_RELWITHDEBINFO='$sanitizer_flags -DNDEBUG'"
+        setarch "$(uname -m)" -R bash -c "$(declare -f run_variant); jobs=$jobs; SECONDS=$SECONDS; run_variant tsan -DORVI_SANITIZE=thread -DORVI_BUILD_EXAMPLES=OFF -DCMAKE_CXX_FLAGS_RELWITHDEBINFO='$sanitizer_flags -DNDEBUG'"
       else
         run_variant tsan -DORVI_SANITIZE=thread -DORVI_BUILD_EXAMPLES=OFF \
           -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$sanitizer_flags -DNDEBUG"

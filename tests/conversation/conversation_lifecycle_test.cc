@@ -1,6 +1,7 @@
 // The hub and the conversation as a host first meets them: options, ids,
 // opening and reopening, listing and removing on the server, recovery, and
 // what happens when the host drops things while work is pending.
+#include <map>
 #include <string>
 #include <thread>
 
@@ -21,18 +22,19 @@ TEST_F(ConversationLifecycleTest, OptionsTakeTheirDefaultsOneByOne) {
                 "popup_assistant_message_after_cancel = 0, enable_tracing_event = 0, "
                 "enable_sync_user_message_timestamp_by_ack = 0, block_when_recovering = 1"),
             1u);
-  EXPECT_TRUE(log_->has("[ACK] uplink_message_ack_timeout_ms_ = 5000, enable_resend_ = 1, "
-                        "max_resend_uplink_message_count_ = -1"));
+  EXPECT_TRUE(
+      log_->has("[ACK] uplink_message_ack_timeout_ms_ = 5000, enable_resend_ = 1, "
+                "max_resend_uplink_message_count_ = -1"));
   log_->clear();
   ConversationOptions one;
   one.history_message_limited = 7;
   open("one-override", one);
-  EXPECT_EQ(log_->countContaining(
-                "history_message_limited = 7, callback_user_message = 1, "
-                "popup_assistant_message_after_cancel = 0"),
+  EXPECT_EQ(log_->countContaining("history_message_limited = 7, callback_user_message = 1, "
+                                  "popup_assistant_message_after_cancel = 0"),
             1u);
-  EXPECT_TRUE(log_->has("[ACK] uplink_message_ack_timeout_ms_ = 5000, enable_resend_ = 1, "
-                        "max_resend_uplink_message_count_ = -1"));
+  EXPECT_TRUE(
+      log_->has("[ACK] uplink_message_ack_timeout_ms_ = 5000, enable_resend_ = 1, "
+                "max_resend_uplink_message_count_ = -1"));
 
   // With callback_user_message off the host hears no user messages.
   ConversationOptions quiet;
@@ -52,7 +54,8 @@ TEST_F(ConversationLifecycleTest, IdsAreGeneratedOrRestoredAndOpenIsExclusive) {
 
   auto first = hub_->open("lc-1", {});
   ASSERT_TRUE(first);
-  EXPECT_TRUE(log_->has("local_conversation_id_(lc-1) cann't find conversation_id, means new conversation"));
+  EXPECT_TRUE(log_->has(
+      "local_conversation_id_(lc-1) cann't find conversation_id, means new conversation"));
   EXPECT_FALSE(hub_->open("lc-1", {}));
   EXPECT_TRUE(log_->has("local conversation(lc-1) is already opened"));
   first.reset();  // the host drops it; the hub held it only weakly
@@ -189,7 +192,8 @@ TEST_F(ConversationLifecycleTest, RecoveryHoldsLiveFramesBackAndReplaysThemInOrd
   });
   auto conversation = open("lc-1");
   EXPECT_FALSE(conversation->recoverRemoteSection());  // nothing stored yet
-  EXPECT_TRUE(log_->has("local conversation(lc-1) history messages is empty, cannot get the latest section_id"));
+  EXPECT_TRUE(log_->has(
+      "local conversation(lc-1) history messages is empty, cannot get the latest section_id"));
   conversation->sendMessage(prompt("before the restart"));
   ASSERT_TRUE(waitFor([](const Calls& c) { return c.acks.size() == 1; }));
   ASSERT_TRUE(hub_->history()->flush());
@@ -217,8 +221,9 @@ TEST_F(ConversationLifecycleTest, RecoveryHoldsLiveFramesBackAndReplaysThemInOrd
   section.local_conversation_id = "lc-1";
   section.local_section_id = "s-1";
   for (const char* piece : {" and", " more"}) {
-    server_->push(ScriptedServer::delta(section, "c-1", "s-1", "am-9",
-                                        Json::array({{{"op", "append"}, {"path", "/text"}, {"value", piece}}})));
+    server_->push(ScriptedServer::delta(
+        section, "c-1", "s-1", "am-9",
+        Json::array({{{"op", "append"}, {"path", "/text"}, {"value", piece}}})));
   }
   ASSERT_TRUE(server_->drain());
   EXPECT_EQ(log_->countContaining("is recovering remote history, stash message"), 2u);
@@ -237,11 +242,13 @@ TEST_F(ConversationLifecycleTest, RecoveryHoldsLiveFramesBackAndReplaysThemInOrd
   // Paging older sections holds nothing back: sending and live frames go on
   // while the page is fetched.
   server_->setRestScript([](const HttpRequest&) {
-    return std::string(R"({"ret":"0","data":{"section_list":[],"has_more":false,"next_cursor":""}})");
+    return std::string(
+        R"({"ret":"0","data":{"section_list":[],"has_more":false,"next_cursor":""}})");
   });
   ASSERT_TRUE(conversation->recoverRemoteSections("0", 5));
-  server_->push(ScriptedServer::delta(section, "c-1", "s-1", "am-9",
-                                      Json::array({{{"op", "append"}, {"path", "/text"}, {"value", "!"}}})));
+  server_->push(
+      ScriptedServer::delta(section, "c-1", "s-1", "am-9",
+                            Json::array({{{"op", "append"}, {"path", "/text"}, {"value", "!"}}})));
   ASSERT_TRUE(waitFor([](const Calls& c) { return c.assistant_messages.size() == 4; }));
   EXPECT_EQ(log_->countContaining("is recovering remote history, stash message"), 2u);
   EXPECT_FALSE(conversation->sendMessage(prompt("not blocked")).empty());
@@ -280,7 +287,8 @@ TEST_F(ConversationLifecycleTest, RecoveryAnswersThatFailOrComeTooLate) {
     ASSERT_TRUE(conversation->recoverRemoteSection());
     if (c.cancel_first) conversation->cancelRecoverRemoteSection();
     server_->answerHeld();
-    ASSERT_TRUE(waitFor([&](const Calls& calls) { return calls.recover_statuses.size() == before + 1; }));
+    ASSERT_TRUE(
+        waitFor([&](const Calls& calls) { return calls.recover_statuses.size() == before + 1; }));
     EXPECT_EQ(listener_->calls().recover_statuses.back().status, c.expected);
   }
   EXPECT_TRUE(listener_->calls().assistant_messages.empty());  // nothing from a cancelled answer
@@ -291,11 +299,13 @@ TEST_F(ConversationLifecycleTest, RecoveryAnswersThatFailOrComeTooLate) {
   const size_t cancelled = log_->countContaining("is cancelled");
   server_->hold_requests = false;
   server_->answers_per_request = 2;
-  server_->setRestScript(
-      [](const HttpRequest&) { return std::string(R"({"ret":"0","data":{"status":0,"message_list":[]}})"); });
+  server_->setRestScript([](const HttpRequest&) {
+    return std::string(R"({"ret":"0","data":{"status":0,"message_list":[]}})");
+  });
   ASSERT_TRUE(conversation->recoverRemoteSection());
   ASSERT_TRUE(server_->drain());
-  ASSERT_TRUE(waitFor([&](const Calls& calls) { return calls.recover_statuses.size() == before + 1; }));
+  ASSERT_TRUE(
+      waitFor([&](const Calls& calls) { return calls.recover_statuses.size() == before + 1; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(listener_->calls().recover_statuses.size(), before + 1);
   EXPECT_EQ(listener_->calls().recover_statuses.back().status, RecoverStatus::Completed);
@@ -304,7 +314,8 @@ TEST_F(ConversationLifecycleTest, RecoveryAnswersThatFailOrComeTooLate) {
 
 class CollectingFetch : public IFetchMessageCallback {
  public:
-  void onMessages(const std::vector<ComboMessage>& messages, bool more, const std::string& next) override {
+  void onMessages(const std::vector<ComboMessage>& messages, bool more,
+                  const std::string& next) override {
     std::lock_guard<std::mutex> lock(mutex);
     pages.push_back(messages);
     has_more = more;
@@ -324,7 +335,8 @@ TEST_F(ConversationLifecycleTest, FetchingHistoryPagesBackWithoutGapsOrRepeats) 
   });
   auto conversation = open("lc-1");
   std::vector<std::string> sent;
-  for (int i = 0; i < 7; ++i) sent.push_back(conversation->sendMessage(prompt("m" + std::to_string(i))));
+  for (int i = 0; i < 7; ++i)
+    sent.push_back(conversation->sendMessage(prompt("m" + std::to_string(i))));
   ASSERT_TRUE(server_->drain());
   ASSERT_TRUE(hub_->history()->flush());
 
@@ -339,7 +351,8 @@ TEST_F(ConversationLifecycleTest, FetchingHistoryPagesBackWithoutGapsOrRepeats) 
   do {
     conversation->fetchHistoryMessages(false, cursor, 3, fetch);
     std::vector<std::string> page;
-    for (const auto& combo : fetch->pages.back()) page.push_back(combo.user_message->local_message_id);
+    for (const auto& combo : fetch->pages.back())
+      page.push_back(combo.user_message->local_message_id);
     seen.insert(seen.begin(), page.begin(), page.end());
     cursor = fetch->cursor;
   } while (fetch->has_more);
@@ -352,28 +365,56 @@ class DeletionResult : public IMessagesDeleted {
   std::vector<bool> results;
 };
 
+// A message is named by its local id, or, an answer having none, by its
+// server id: the newest stored answer with it, as a restarted server hands
+// its ids out again.
 TEST_F(ConversationLifecycleTest, RemovingMessagesLocallyAndOnTheServer) {
   server_->setScript([](ScriptedServer& s, const idl::UplinkMessage& up) {
-    s.deliver(ScriptedServer::ack(up, "c-1", "s-1", "um-" + up.messages[0].local_message_id));
+    const std::string local_id = up.messages[0].local_message_id;
+    const std::string text = up.messages[0].content->payload;
+    s.deliver(ScriptedServer::ack(up, "c-1", "s-" + local_id, "um-" + text));
+    s.deliver(ScriptedServer::assistant(up, "c-1", "s-" + local_id, text == "b" ? "am-b" : "am-a",
+                                        {{"text", text}}));
+    s.deliver(ScriptedServer::system(up, "c-1", "s-" + local_id, 0, "stream_complete"));
   });
   server_->setRestScript([](const HttpRequest&) { return std::string(R"({"ret":"0"})"); });
   auto conversation = open("lc-1");
-  const std::string a = conversation->sendMessage(prompt("a"));
-  const std::string b = conversation->sendMessage(prompt("b"));
-  ASSERT_TRUE(server_->drain());
-  ASSERT_TRUE(hub_->history()->flush());
+  std::map<std::string, std::string> local_id_of;
+  for (const char* text : {"a", "b", "c"}) {
+    local_id_of[text] = conversation->sendMessage(prompt(text));
+    ASSERT_TRUE(server_->drain());
+  }
+  // What is stored: "prompt <text>" or "answer <text>" per row.
+  const auto stored = [this] {
+    EXPECT_TRUE(hub_->history()->flush());
+    std::vector<std::string> rows;
+    for (const auto& frame : hub_->history()->getMessages("lc-1")) {
+      const Json json = Json::parse(frame);
+      if (json.contains("messages")) {
+        rows.push_back("prompt " + json["messages"][0]["content"].value("payload", ""));
+      } else {
+        const Json message = Json::parse(json["content"].get<std::string>());
+        rows.push_back("answer " +
+                       Json::parse(message["content"].value("payload", "{}")).value("text", ""));
+      }
+    }
+    return rows;
+  };
+  ASSERT_EQ(stored(), (std::vector<std::string>{"prompt a", "answer a", "prompt b", "answer b",
+                                                "prompt c", "answer c"}));
 
   auto result = std::make_shared<DeletionResult>();
   conversation->removeMessageBatch({}, {}, result);
-  conversation->removeMessageBatch({a}, {}, result);
-  ASSERT_TRUE(hub_->history()->flush());
-  EXPECT_EQ(hub_->history()->getMessages("lc-1").size(), 1u);
-  conversation->removeMessageBatch({b}, {"um-" + b}, result);
+  conversation->removeMessageBatch({local_id_of["a"], "am-a", "unknown"}, {}, result);
+  EXPECT_EQ(stored(), (std::vector<std::string>{"answer a", "prompt b", "answer b", "prompt c"}));
+  EXPECT_EQ(log_->countContaining("no stored message is named unknown"), 1u);
+  conversation->removeMessageBatch({local_id_of["b"]}, {"um-b", "am-b"}, result);
   ASSERT_TRUE(server_->drain());
-  ASSERT_TRUE(hub_->history()->flush());
+  EXPECT_EQ(stored(), (std::vector<std::string>{"answer a", "prompt c"}));
   EXPECT_EQ(result->results, (std::vector<bool>{false, true, true}));
-  EXPECT_TRUE(hub_->history()->getMessages("lc-1").empty());
-  EXPECT_EQ(*server_->requests().back().body, R"({"conversation_id":"c-1","message_ids":["um-)" + b + R"("]})");
+  EXPECT_EQ(*server_->requests().back().body,
+            R"({"conversation_id":"c-1","message_ids":["um-b","am-b"]})");
+  EXPECT_EQ(log_->countContaining("no stored message is named"), 1u);
 }
 
 // Work still pending for a conversation the host has dropped finds it gone.
@@ -389,7 +430,8 @@ TEST_F(ConversationLifecycleTest, DroppingAConversationWithWorkPendingIsSafe) {
   server_->hold_requests = true;
   conversation->recoverRemoteSection();
   conversation.reset();
-  server_->setRestScript([](const HttpRequest&) { return std::string(R"({"ret":"0","data":{}})"); });
+  server_->setRestScript(
+      [](const HttpRequest&) { return std::string(R"({"ret":"0","data":{}})"); });
   server_->answerHeld();
   ASSERT_TRUE(server_->drain());
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let the armed time-outs fire

@@ -453,5 +453,70 @@ TEST_F(ConversationReceiveTest, StreamedTextIsStoredAsShownWhileItStreams) {
   EXPECT_EQ(storedAnswer("dropped", "am-1"), "one two three");
 }
 
+// A server that restarted hands out its ids again, and one that does not
+// echo local ids leaves the client to place what it recovers: the
+// recovered answer is stored once, in its own turn after its prompt, and
+// the earlier turn with the same ids keeps its own answer.
+TEST_F(ConversationReceiveTest, ARecoveredTurnIsStoredInItsOwnTurnWhenTheServerReusesIds) {
+  hub_->history()->addConversation("lc-1", "c-1", "");
+  server_->setScript([](ScriptedServer& s, const idl::UplinkMessage& up) {
+    s.deliver(ScriptedServer::ack(up, "c-1", "s-1", "um-1"));  // the same ids in each run
+    if (up.messages[0].content->payload != "first") return;    // the second is never answered
+    s.deliver(ScriptedServer::assistant(up, "c-1", "s-1", "am-1", {{"text", "old"}}));
+    s.deliver(ScriptedServer::system(up, "c-1", "s-1", 0, "stream_complete"));
+  });
+  {
+    auto before = open("lc-1", {}, std::make_shared<test::RecordingListener>());
+    before->sendMessage(prompt("first"));
+    ASSERT_TRUE(server_->drain());
+    before->sendMessage(prompt("second"));
+    ASSERT_TRUE(server_->drain());
+    ASSERT_TRUE(hub_->history()->flush());
+  }
+  hub_.reset();
+  hub_ = makeHub();
+  server_->setScript(nullptr);
+  server_->setRestScript([](const HttpRequest&) {
+    return R"({"ret":"0","errmsg":"","data":{"status":0,"message_list":[)"
+           R"({"message_id":"um-1","conversation_id":"c-1","section_id":"s-1","role":"user",)"
+           R"("content":{"payload":"second","content_type":0}},)"
+           R"({"message_id":"am-1","conversation_id":"c-1","section_id":"s-1","role":"assistant",)"
+           R"("content":{"payload":"{\"text\":\"new\"}","content_type":1}}]}})";
+  });
+  auto conversation = open("lc-1");
+  for (int recovery = 0; recovery < 2; ++recovery) {  // the second finds it all stored
+    ASSERT_TRUE(conversation->recoverRemoteSection());
+    ASSERT_TRUE(waitFor([&](const Calls& c) {
+      return c.recover_statuses.size() == static_cast<size_t>(recovery + 1);
+    }));
+  }
+  ASSERT_TRUE(hub_->history()->flush());
+
+  std::string error;
+  const auto store = sqlite::SqliteExecutor::open(dir_.file("history.db"), &error);
+  ASSERT_TRUE(store) << error;
+  MessageQueryResult rows;
+  ASSERT_TRUE(store->queryMessages(rows, "lc-1", 1, std::nullopt, std::nullopt));
+  std::vector<std::string> turns;  // "type:text" per row, and its turn
+  std::map<std::string, std::string> prompt_of_section;
+  for (const MessageRecord& row : rows.messages) {
+    const Json frame = Json::parse(row.content);
+    std::string text;
+    if (row.type == "user") {
+      text = frame["messages"][0]["content"].value("payload", "");
+      prompt_of_section[row.local_section_id] = text;
+    } else {
+      const Json message = Json::parse(frame["content"].get<std::string>());
+      text = Json::parse(message["content"].value("payload", "{}")).value("text", "");
+    }
+    const auto turn = prompt_of_section.find(row.local_section_id);
+    turns.push_back(row.type + ":" + text + " in " +
+                    (turn == prompt_of_section.end() ? "no turn" : turn->second));
+    EXPECT_EQ(row.type == "user", !row.local_message_id.empty()) << turns.back();
+  }
+  EXPECT_EQ(turns, (std::vector<std::string>{"user:first in first", "assistant:old in first",
+                                             "user:second in second", "assistant:new in second"}));
+}
+
 }  // namespace
 }  // namespace orvi

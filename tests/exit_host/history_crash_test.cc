@@ -131,7 +131,7 @@ class CrashHost {
 
 // One stored row of the conversation, as read back.
 struct Row {
-  std::string type, local_message_id, local_section_id;
+  std::string type, local_message_id, local_section_id, message_id;
   std::string text;  // the prompt, or the answer's text so far
   bool complete = false;
 };
@@ -220,6 +220,20 @@ class HistoryFileCheck {
     }
   }
 
+  // A prompt is stored when it is sent and given its server id when it is
+  // acknowledged, before any of its answer: a prompt still without one was
+  // cut by the kill, so it has no answer and is the newest of its run.
+  void expectUnacknowledgedPromptsOnlyWhereTheKillCut() const {
+    for (size_t i = 0; i < turns_.size(); ++i) {
+      const Turn& turn = turns_[i];
+      if (!rows_[turn.prompt_row].message_id.empty()) continue;
+      EXPECT_TRUE(turn.answer_rows.empty())
+          << "run " << turn.run << " turn " << turn.number << " answered, never acknowledged";
+      EXPECT_TRUE(i + 1 == turns_.size() || turns_[i + 1].run != turn.run)
+          << "run " << turn.run << " turn " << turn.number << " unacknowledged, yet not the last";
+    }
+  }
+
   // Every turn up to the last one a flush returned for, with the whole
   // answer, complete.
   void expectFlushedTurnsComplete(const std::map<int, int>& last_flushed) const {
@@ -249,11 +263,12 @@ class HistoryFileCheck {
 
   void readRows() {
     sqlite3_stmt* statement = nullptr;
-    ASSERT_EQ(sqlite3_prepare_v2(db_,
-                                 "SELECT type, local_message_id, local_section_id, content "
-                                 "FROM messages WHERE local_conversation_id = 'crash' ORDER BY seq",
-                                 -1, &statement, nullptr),
-              SQLITE_OK);
+    ASSERT_EQ(
+        sqlite3_prepare_v2(db_,
+                           "SELECT type, local_message_id, local_section_id, content, message_id "
+                           "FROM messages WHERE local_conversation_id = 'crash' ORDER BY seq",
+                           -1, &statement, nullptr),
+        SQLITE_OK);
     const auto text = [&](int column) {
       const auto* value = sqlite3_column_text(statement, column);
       return value ? std::string(reinterpret_cast<const char*>(value)) : std::string();
@@ -264,6 +279,7 @@ class HistoryFileCheck {
       row.type = text(0);
       row.local_message_id = text(1);
       row.local_section_id = text(2);
+      row.message_id = text(4);
       readContent(text(3), row);
       rows_.push_back(row);
       Turn turn;
@@ -360,6 +376,7 @@ TEST(HistoryCrashTest, KilledHostsLeaveAnIntactFileWithEverythingFlushed) {
     check.expectOrderKept();
     check.expectFlushedTurnsComplete(last_flushed);
     check.expectUnflushedTurnsConsistent(last_flushed);
+    check.expectUnacknowledgedPromptsOnlyWhereTheKillCut();
     if (HasFailure()) return;
   }
   EXPECT_FALSE(last_flushed.empty());

@@ -177,9 +177,21 @@ int32_t ConversationImpl::popupHistoryMessages(bool only_latest_section, int32_t
 // state: in a section that is still running, its newest answer is still
 // streaming.
 void ConversationImpl::markRecovered(const RecoveredSection& section) {
+  // A server that does not echo the local section leaves it to be found
+  // from what is stored: without it the turn's answers would be stored
+  // apart from their prompt.
+  const bool unplaced =
+      std::any_of(section.messages.begin(), section.messages.end(),
+                  [](const MessagePtr& m) { return m->localSectionId().empty(); });
+  const std::string local_section =
+      unplaced && history_ ? history_->findLocalSection(local_conversation_id_, section.messages)
+                           : std::string();
   MessagePtr newest_answer;
   for (const auto& message : section.messages) {
     message->envelope().local_conversation_id = local_conversation_id_;
+    if (message->localSectionId().empty()) {
+      message->setSectionIds(message->sectionId(), local_section);
+    }
     const SectionInfo info(message->sectionId(), message->localSectionId());
     if (auto* user = dynamic_cast<UserMessageWrapper*>(message.get())) {
       if (user->message()) user->message()->section = info;
@@ -601,9 +613,7 @@ void ConversationImpl::removeMessageBatch(const std::vector<std::string>& local_
   }
   if (message_ids.empty()) {
     ORVI_LOGI("removeMessageBatch remove local only.");
-    for (const auto& id : local_message_ids) {
-      if (history_) history_->deleteMessage(local_conversation_id_, id);
-    }
+    if (history_) history_->deleteNamedMessages(local_conversation_id_, local_message_ids);
     if (callback) callback->onMessagesDeleted(true);
     return;
   }
@@ -613,15 +623,16 @@ void ConversationImpl::removeMessageBatch(const std::vector<std::string>& local_
     return;
   }
   std::weak_ptr<ConversationImpl> weak = sharedFromThis(this);
+  // The server ids name the local copies of messages without a local id.
+  std::vector<std::string> named = local_message_ids;
+  named.insert(named.end(), message_ids.begin(), message_ids.end());
   client->requestMessageBatchDelete(
-      conversationId(), message_ids, [weak, local_message_ids, callback](const std::string& body) {
+      conversationId(), message_ids, [weak, named, callback](const std::string& body) {
         ORVI_LOGI("removeMessageBatch, data: %s", body.c_str());
         const bool success = MessageProcessor::parseConversationMsgDeleteResp(body);
         const auto self = weak.lock();
         if (success && self && self->history_) {
-          for (const auto& id : local_message_ids) {
-            self->history_->deleteMessage(self->local_conversation_id_, id);
-          }
+          self->history_->deleteNamedMessages(self->local_conversation_id_, named);
         }
         if (callback) callback->onMessagesDeleted(success);
       });

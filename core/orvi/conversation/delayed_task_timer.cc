@@ -89,8 +89,10 @@ void DelayedTaskTimer::workerLoop(std::shared_ptr<State> state) {
       state->wake.wait(lock, [&] { return state->stop || !state->queue.empty(); });
       continue;
     }
+    // Stopping runs what is left at once, in deadline order: a process
+    // should not linger at exit for time-outs nobody waits for any more.
     const int64_t deadline = state->queue.top().deadline_ns;
-    if (deadline > nowNs()) {
+    if (!state->stop && deadline > nowNs()) {
       // A post of an earlier task notifies and ends this wait early.
       state->wake.wait_until(lock, timePointOf(deadline));
       continue;

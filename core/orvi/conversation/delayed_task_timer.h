@@ -6,8 +6,8 @@
 // post() may be called from any thread, also from a task on the worker (a
 // task that reschedules itself). The mutex guards the heap and the stop
 // flag and is never held while a task runs; an exception thrown by a task is
-// swallowed. On destruction queued tasks are drained: each still runs at its
-// deadline, and the destructor returns after the latest one.
+// swallowed. On destruction queued tasks are drained: the ones still waiting
+// run at once, in deadline order, and the destructor returns after them.
 #pragma once
 
 #include <condition_variable>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "orvi/history/cacher/cacher.h"
@@ -270,7 +271,7 @@ std::vector<std::string> HistoryManager::getMessages(const std::string& local_co
   auto cacher = readyCacher("getMessages");
   if (!cacher) return {};
   std::vector<std::string> frames;
-  for (auto& record : cacher->queryMessages(local_conversation_id)) {
+  for (const auto& record : cacher->queryMessages(local_conversation_id)) {
     frames.push_back(std::move(record.content));
   }
   ORVI_LOGI("local_conversation_id: %s load message history size: %zu",
@@ -330,15 +331,75 @@ void HistoryManager::deleteMessageById(const std::string& local_conversation_id,
   cacher->removeMessageById(local_conversation_id, message_id, local_section_id);
 }
 
+void HistoryManager::deleteNamedMessages(const std::string& local_conversation_id,
+                                         const std::vector<std::string>& ids) {
+  auto cacher = readyCacher("deleteNamedMessages");
+  if (!cacher) return;
+  std::unordered_set<std::string> local_ids;
+  std::unordered_set<std::string> prompt_server_ids;                  // these go by their local ids
+  std::unordered_map<std::string, std::string> section_of_server_id;  // the newest wins
+  for (const auto& record : cacher->queryMessages(local_conversation_id)) {
+    if (!record.local_message_id.empty()) {
+      local_ids.insert(record.local_message_id);
+      prompt_server_ids.insert(record.message_id);
+    } else if (!record.message_id.empty()) {
+      section_of_server_id[record.message_id] = record.local_section_id;
+    }
+  }
+  for (const auto& id : ids) {
+    const auto found = section_of_server_id.find(id);
+    if (local_ids.count(id)) {
+      deleteMessage(local_conversation_id, id);
+    } else if (found != section_of_server_id.end()) {
+      deleteMessageById(local_conversation_id, id, found->second);
+    } else if (!prompt_server_ids.count(id)) {
+      ORVI_LOGW("remove message, local_conversation_id: %s, no stored message is named %s",
+                local_conversation_id.c_str(), id.c_str());
+    }
+  }
+}
+
+std::string HistoryManager::findLocalSection(const std::string& local_conversation_id,
+                                             const std::vector<MessagePtr>& messages) {
+  auto cacher = readyCacher("findLocalSection");
+  if (!cacher) return std::string();
+  std::unordered_set<std::string> local_ids;
+  std::string section_id;
+  for (const auto& message : messages) {
+    if (!message) continue;
+    if (!message->envelope().local_message_id.empty()) {
+      local_ids.insert(message->envelope().local_message_id);
+    }
+    if (section_id.empty()) section_id = message->sectionId();
+  }
+  std::string by_prompt, by_section;
+  for (const auto& record : cacher->queryMessages(local_conversation_id)) {
+    if (record.local_section_id.empty()) continue;
+    if (local_ids.count(record.local_message_id)) by_prompt = record.local_section_id;
+    if (!section_id.empty() && record.section_id == section_id) {
+      by_section = record.local_section_id;  // the newest wins: ids come back after a restart
+    }
+  }
+  return by_prompt.empty() ? by_section : by_prompt;
+}
+
 void HistoryManager::mergeMessage(const std::string& local_conversation_id,
                                   const std::vector<MessagePtr>& messages) {
   // The switch is read after the cacher, which init publishes after it.
   auto cacher = readyCacher("mergeMessage");
   if (!cacher || !enable_merge_) return;
-  std::unordered_set<std::string> stored_ids;
+  // A message is known by its local id, or by its server id within its
+  // local section: a restarted server hands out its ids again.
+  const auto server_key = [](const std::string& message_id, const std::string& local_section_id) {
+    return message_id + '\n' + local_section_id;
+  };
+  // The local id each stored message goes by, if any, keyed by server id.
+  std::unordered_map<std::string, std::string> stored_ids;
   std::unordered_set<std::string> stored_local_ids;
   for (const auto& record : cacher->queryMessages(local_conversation_id)) {
-    if (!record.message_id.empty()) stored_ids.insert(record.message_id);
+    if (!record.message_id.empty()) {
+      stored_ids[server_key(record.message_id, record.local_section_id)] = record.local_message_id;
+    }
     if (!record.local_message_id.empty()) stored_local_ids.insert(record.local_message_id);
   }
   for (const auto& message : messages) {
@@ -346,10 +407,15 @@ void HistoryManager::mergeMessage(const std::string& local_conversation_id,
     if (message->type() != MessageKind::User && message->type() != MessageKind::Assistant) {
       continue;
     }
-    const MessageEnvelope& ids = message->envelope();
-    const bool stored =
-        (!ids.message_id.empty() && stored_ids.count(ids.message_id)) ||
-        (!ids.local_message_id.empty() && stored_local_ids.count(ids.local_message_id));
+    MessageEnvelope& ids = message->envelope();
+    bool stored = stored_local_ids.count(ids.local_message_id) > 0;
+    if (ids.local_message_id.empty() && !ids.message_id.empty()) {
+      const auto found = stored_ids.find(server_key(ids.message_id, ids.local_section_id));
+      stored = found != stored_ids.end();
+      // A prompt the server sends back without its local id is still the
+      // stored prompt, and keeps the id it is stored under.
+      if (stored) ids.local_message_id = found->second;
+    }
     if (stored) {
       updateMessage(message);
     } else {

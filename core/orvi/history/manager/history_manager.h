@@ -75,8 +75,21 @@ class HistoryManager {
   // that restarts reuses its ids.
   void deleteMessageById(const std::string& local_conversation_id, const std::string& message_id,
                          const std::string& local_section_id);
+  // Removes the messages that `ids` name. A local id names its message; an
+  // id that is no stored local id names the newest stored message without
+  // one (an assistant message) with that server id: the one the server,
+  // which reuses its ids only after a restart, means by it now.
+  void deleteNamedMessages(const std::string& local_conversation_id,
+                           const std::vector<std::string>& ids);
+  // The local section of a turn the server handed back, for a server that
+  // does not echo it: that of the stored prompt among `messages` (by local
+  // id), else that of the newest stored message of their server section.
+  // Empty when neither is stored.
+  std::string findLocalSection(const std::string& local_conversation_id,
+                               const std::vector<MessagePtr>& messages);
   // With the merge switch on, stores user and assistant messages, updating
-  // those already stored.
+  // those already stored (same local id, or same server id in the same
+  // local section).
   void mergeMessage(const std::string& local_conversation_id,
                     const std::vector<MessagePtr>& messages);
 
