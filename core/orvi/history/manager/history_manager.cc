@@ -271,7 +271,7 @@ std::vector<std::string> HistoryManager::getMessages(const std::string& local_co
   auto cacher = readyCacher("getMessages");
   if (!cacher) return {};
   std::vector<std::string> frames;
-  for (const auto& record : cacher->queryMessages(local_conversation_id)) {
+  for (auto& record : cacher->queryMessages(local_conversation_id)) {
     frames.push_back(std::move(record.content));
   }
   ORVI_LOGI("local_conversation_id: %s load message history size: %zu",
