@@ -114,7 +114,11 @@ class ChatHost::HubEvents final : public orvi::ConversationHubListener {
       std::lock_guard<std::mutex> lock(mutex_);
       terminal = terminal_.lock();
     }
-    if (terminal) terminal->line("delete", success ? "done" : "the server refused");
+    if (terminal) {
+      terminal->line("delete", success ? "done, on the server and locally"
+                                       : "the server refused; if it no longer knows the "
+                                         "conversation, /delete ID local forgets it here");
+    }
   }
 
  private:
@@ -122,8 +126,32 @@ class ChatHost::HubEvents final : public orvi::ConversationHubListener {
   std::weak_ptr<Terminal> terminal_;
 };
 
+// The open session as the transport's I/O thread reaches it: weakly, under
+// a lock, since the main thread opens and closes sessions meanwhile.
+class ChatHost::SessionLink {
+ public:
+  void set(std::weak_ptr<ConnectionWatcher> watcher) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    watcher_ = std::move(watcher);
+  }
+  void onConnection(bool up) {
+    std::shared_ptr<ConnectionWatcher> watcher;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      watcher = watcher_.lock();
+    }
+    if (watcher) watcher->onConnection(up);
+  }
+
+ private:
+  std::mutex mutex_;  // guards watcher_
+  std::weak_ptr<ConnectionWatcher> watcher_;
+};
+
 ChatHost::ChatHost(HostSettings settings, std::shared_ptr<Terminal> terminal)
-    : settings_(std::move(settings)), terminal_(std::move(terminal)) {}
+    : settings_(std::move(settings)),
+      terminal_(std::move(terminal)),
+      link_(std::make_shared<SessionLink>()) {}
 
 ChatHost::~ChatHost() {
   stopTransport();
@@ -142,12 +170,22 @@ bool ChatHost::start(std::string* error) {
     *error = "cannot create " + settings_.cache_dir + ": " + failed.message();
     return false;
   }
+  if (settings_.log) {
+    const std::string log_path =
+        settings_.log_path.empty() ? settings_.cache_dir + "/orvi-chat.log" : settings_.log_path;
+    std::string why;
+    if (settings_.log->open(log_path, &why)) {
+      terminal_->line("log", log_path);
+    } else {
+      terminal_->diagnostic("orvi-chat: " + why + "; diagnostics are dropped");
+    }
+  }
   const std::string path = settings_.cache_dir + "/history.db";
   auto history = orvi::sqlite::SqliteExecutor::open(path, error);
   if (!history) return false;
-  std::weak_ptr<Terminal> terminal = terminal_;
-  history->setErrorSink([terminal](const std::string& message) {
-    if (const auto target = terminal.lock()) target->diagnostic("sqlite: " + message);
+  const std::shared_ptr<LogFile> log = settings_.log;
+  history->setErrorSink([log](const std::string& message) {
+    if (log) log->write("sqlite", message);
   });
   auto hub = orvi::ConversationHub::instance();
   hub->config(orvi::OrviConfig(settings_.cache_dir, 30, true), history);
@@ -165,15 +203,19 @@ bool ChatHost::startTransport(std::string* error) {
   options.http_base_url = settings_.http_url;
   options.headers = settings_.headers;
   const bool verbose = settings_.verbose;
-  std::weak_ptr<Terminal> terminal = terminal_;
-  options.log = [terminal, verbose](orvi::LogLevel level, const std::string& line) {
-    if (!verbose && level < orvi::LogLevel::Warn) return;
-    if (const auto target = terminal.lock()) target->diagnostic("net: " + line);
+  const std::shared_ptr<LogFile> log = settings_.log;
+  options.log = [log, verbose](orvi::LogLevel level, const std::string& line) {
+    if (log && (verbose || level >= orvi::LogLevel::Info)) log->write("net", line);
   };
-  options.on_state = [terminal](orvi::net::ConnectionState state, const std::string& detail) {
+  std::weak_ptr<Terminal> terminal = terminal_;
+  std::weak_ptr<SessionLink> link = link_;
+  options.on_state = [terminal, link](orvi::net::ConnectionState state, const std::string& detail) {
     if (const auto target = terminal.lock()) {
       target->line("net", std::string(stateText(state)) + (detail.empty() ? "" : ": " + detail));
     }
+    const auto session = link.lock();
+    if (session && state == orvi::net::ConnectionState::Connected) session->onConnection(true);
+    if (session && state == orvi::net::ConnectionState::Disconnected) session->onConnection(false);
   };
   net_ = orvi::net::NetTransport::create(std::move(options), error);
   if (!net_) return false;
@@ -193,6 +235,10 @@ bool ChatHost::waitConnected(std::chrono::milliseconds timeout) const {
 }
 
 ChatSession* ChatHost::open(const std::string& local_id) {
+  if (!local_id.empty() && !isStored(local_id)) {
+    terminal_->line("open", "no stored conversation " + local_id + "; /list shows them");
+    return nullptr;
+  }
   closeSession();
   std::string error;
   orvi::ConversationOptions options;
@@ -203,11 +249,30 @@ ChatSession* ChatHost::open(const std::string& local_id) {
     return nullptr;
   }
   terminal_->line("open", "conversation " + session_->localId());
+  link_->set(session_->connectionWatcher());
   return session_.get();
 }
 
+bool ChatHost::isStored(const std::string& local_id) const {
+  for (const auto& info : orvi::ConversationHub::instance()->list()) {
+    if (info.local_conversation_id == local_id) return true;
+  }
+  return false;
+}
+
 void ChatHost::closeSession() {
+  link_->set({});
   session_.reset();
+}
+
+void ChatHost::quit(std::chrono::milliseconds timeout) {
+  const size_t pending = session_ ? session_->unsettledMessages() : 0;
+  if (pending == 0) return;
+  terminal_->line("quit", "waiting up to " + std::to_string(timeout.count() / 1000) + " s for " +
+                              std::to_string(pending) + " message(s) to be accepted");
+  if (!session_->waitSettled(timeout)) {
+    terminal_->line("quit", "leaving without it; the history keeps it as never acknowledged");
+  }
 }
 
 bool ChatHost::restartTransport(std::string* error) {
@@ -237,13 +302,23 @@ std::optional<orvi::ConversationListInfo> ChatHost::listRemote(
   return wait ? page->wait(*wait) : std::nullopt;
 }
 
-bool ChatHost::remove(const std::string& local_id) {
+bool ChatHost::remove(const std::string& local_id, bool local_only) {
   if (session_ && session_->localId() == local_id) {
     terminal_->line("delete", "that conversation is open; /new or /open another one first");
     return false;
   }
-  if (orvi::ConversationHub::instance()->remove(local_id)) return true;
-  terminal_->line("delete", "refused (open elsewhere, or no connection)");
+  if (!isStored(local_id)) {
+    terminal_->line("delete", "no stored conversation " + local_id + "; /list shows them");
+    return false;
+  }
+  const auto hub = orvi::ConversationHub::instance();
+  if (local_only) {
+    const bool removed = hub->removeLocal(local_id);
+    terminal_->line("delete", removed ? "removed from the local history" : "could not remove it");
+    return removed;
+  }
+  if (hub->remove(local_id)) return true;
+  terminal_->line("delete", "not sent: no connection to the server");
   return false;
 }
 

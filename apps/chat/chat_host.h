@@ -7,8 +7,12 @@
 // hub is the process's and outlives both. The hub connects to a sender once
 // per process, so it is given a relay that forwards to whichever transport
 // is current; a relay without one answers HTTP with status 0.
-// Shutdown (the destructor): the transport stops first, so no frame or HTTP
-// answer arrives while the session closes.
+// The library's diagnostics, the transport's and SQLite's go to the log
+// file, never to the screen.
+// Shutdown: quit() first waits, bounded, for the acknowledgements of what
+// was sent; then (the destructor) the transport stops, so no frame or HTTP
+// answer arrives while the session closes, and the history writes still
+// queued are flushed, bounded too.
 #pragma once
 
 #include <orvi/net/net_transport.h>
@@ -23,6 +27,7 @@
 #include <vector>
 
 #include "chat_session.h"
+#include "log_file.h"
 #include "terminal.h"
 
 namespace orvi_chat {
@@ -32,6 +37,8 @@ struct HostSettings {
   std::string http_url;
   std::vector<std::pair<std::string, std::string>> headers;
   std::string cache_dir;
+  std::string log_path;  // empty: orvi-chat.log in the cache directory
+  std::shared_ptr<LogFile> log;
   bool verbose = false;
   // How long a sent message waits for its acknowledgement; empty: the
   // library's default. The library's timer keeps the process alive until
@@ -52,7 +59,8 @@ class ChatHost {
   bool waitConnected(std::chrono::milliseconds timeout) const;
 
   // Closes the open conversation, if any, and opens `local_id` (empty: a
-  // new one). Null, with a line printed, when the hub refuses.
+  // new one). Null, with a line printed, when the id is not stored or the
+  // hub refuses; the open conversation stays open then.
   ChatSession* open(const std::string& local_id);
   void closeSession();
   ChatSession* session() const { return session_.get(); }
@@ -68,19 +76,28 @@ class ChatHost {
   std::optional<orvi::ConversationListInfo> listRemote(
       std::optional<std::chrono::milliseconds> wait);
   // Deletes a closed conversation on the server, then locally; the outcome
-  // is printed when the server answers.
-  bool remove(const std::string& local_id);
+  // is printed when the server answers. With `local_only`, only the local
+  // history forgets it (for one the server no longer knows).
+  bool remove(const std::string& local_id, bool local_only);
+
+  // Waits up to `timeout` for the outcome of every message sent, saying so
+  // when there are any; the caller then lets the host go.
+  void quit(std::chrono::milliseconds timeout);
 
  private:
   class Relay;
   class HubEvents;
+  class SessionLink;
 
   bool startTransport(std::string* error);
+  bool isStored(const std::string& local_id) const;
+
   void stopTransport();
 
   const HostSettings settings_;
   const std::shared_ptr<Terminal> terminal_;
   std::shared_ptr<Relay> relay_;
+  const std::shared_ptr<SessionLink> link_;  // the transport's way to the open session
   std::shared_ptr<orvi::net::NetTransport> net_;
   std::unique_ptr<ChatSession> session_;
   bool configured_ = false;  // the hub was configured over this host's history

@@ -2,23 +2,23 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
-#include "tool_runner.h"
+#include "answer_text.h"
+#include "printable.h"
 #include "tools.h"
+#include "worker.h"
 
 namespace orvi_chat {
 namespace {
 
 using orvi::MessageSource;
-
-std::string shortId(const std::string& id) {
-  return id.substr(0, 8);
-}
 
 std::string userText(const orvi::UserMessage& message) {
   if (message.action) return "[" + *message.action + "]";
@@ -32,10 +32,16 @@ std::string userText(const orvi::UserMessage& message) {
   return message.content ? message.content->content : std::string();
 }
 
-// What kind of user message an acknowledgement settles, for the ack line.
-std::string userKind(const orvi::UserMessage& message) {
+// How a status line names a user message: its action, "tool reply", or
+// the prompt with the start of its text.
+std::string userLabel(const orvi::UserMessage& message) {
   if (message.action) return *message.action;
-  return message.tool_result ? "tool reply" : "prompt";
+  if (message.tool_result) return "tool reply";
+  const std::string text = message.content ? message.content->content : std::string();
+  constexpr size_t kShown = 30;
+  if (text.size() <= kShown) return "prompt \"" + text + "\"";
+  return "prompt \"" +
+         text.substr(0, completePrefixLength(std::string_view(text).substr(0, kShown))) + "...\"";
 }
 
 std::string toolCallsText(const std::vector<orvi::ToolCall>& calls) {
@@ -50,7 +56,12 @@ bool asksForTools(const orvi::AssistantMessage& message) {
 }
 
 std::string describe(const orvi::ComboMessage& combo) {
-  if (combo.user_message) return "you: " + userText(*combo.user_message);
+  if (combo.user_message) {
+    const orvi::UserMessage& message = *combo.user_message;
+    std::string text = "you: " + userText(message);
+    if (message.status == orvi::MessageStatus::Failed) return text + "  (not sent)";
+    return message.message_id.empty() ? text + "  (never acknowledged)" : text;
+  }
   if (combo.assistant_message) {
     const orvi::AssistantMessage& answer = *combo.assistant_message;
     if (asksForTools(answer)) return "bot: [asks for " + toolCallsText(*answer.tool_calls) + "]";
@@ -68,8 +79,9 @@ std::string describe(const orvi::ComboMessage& combo) {
 const char* ackText(orvi::AckStatus status) {
   switch (status) {
     case orvi::AckStatus::Acked: return "accepted";
-    case orvi::AckStatus::Timeout: return "not acknowledged in time";
-    case orvi::AckStatus::GivenUp: return "given up (no acknowledgement)";
+    case orvi::AckStatus::Timeout:
+      return "not accepted in time; it may not have reached the server (type it again, or /retry)";
+    case orvi::AckStatus::GivenUp: return "failed: no acknowledgement, even after resending";
     case orvi::AckStatus::Rejected: return "refused by the server";
   }
   return "?";
@@ -111,19 +123,13 @@ orvi::ComboMessage combo(const orvi::SystemMessage& message) {
 }  // namespace
 
 std::string answerText(const orvi::AssistantMessage& message) {
-  if (!message.content) return std::string();
-  const auto payload = nlohmann::json::parse(message.content->content, nullptr, false);
-  if (payload.is_object()) {
-    const auto text = payload.find("text");
-    if (text != payload.end() && text->is_string()) return text->get<std::string>();
-  }
-  return message.content->content;
+  return message.content ? answerTextOf(message.content->content) : std::string();
 }
 
 // The conversation's listener. Each callback prints first and records the
 // fact after, so that a script woken by the fact prints its next line below
 // the one that explains it.
-class ChatSession::Listener final : public orvi::ConversationListener {
+class ChatSession::Listener final : public orvi::ConversationListener, public ConnectionWatcher {
  public:
   explicit Listener(std::shared_ptr<Terminal> terminal) : terminal_(std::move(terminal)) {}
 
@@ -131,9 +137,12 @@ class ChatSession::Listener final : public orvi::ConversationListener {
     std::lock_guard<std::mutex> lock(mutex_);
     conversation_ = conversation;
   }
-  void stopTools() { tools_.stop(); }
+  void stopWorker() { worker_.stop(); }
   // While set, recovery statuses come from a local popup and are not shown.
   void setPoppingUp(bool popping) { popping_up_.store(popping); }
+  // While set, the latest section is being recovered: its answers stream in
+  // place like live ones instead of being listed.
+  void setFollowing(bool following) { following_.store(following); }
 
   SessionFacts facts() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -154,43 +163,150 @@ class ChatSession::Listener final : public orvi::ConversationListener {
     std::lock_guard<std::mutex> lock(mutex_);
     return remote_cursor_;
   }
+  bool answerInProgress() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return turn_busy_;
+  }
+  size_t unsettled() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return unsettledLocked();
+  }
+  bool waitSettled(std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return unsettledLocked() == 0; });
+  }
 
-  void onAck(const std::string& local_message_id, orvi::AckStatus status) override {
-    std::string kind;
+  // A prompt typed by the user: sent at once, or queued behind the answer
+  // in progress and the prompts queued before it.
+  bool submitPrompt(const std::string& text) {
+    bool queued = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      const auto it = kinds_.find(local_message_id);
-      kind = it == kinds_.end() ? "message" : it->second;
+      queued = turn_busy_ || !queued_prompts_.empty();
+      if (queued) {
+        queued_prompts_.push_back(text);
+      } else {
+        turn_busy_ = true;
+      }
     }
-    terminal_->line("ack", kind + " " + shortId(local_message_id) + " " + ackText(status));
+    if (!queued) return sendPrompt(text);
+    terminal_->line("queued", text);
+    terminal_->line("queued", "sent when the answer in progress ends (/cancel ends it now)");
+    return true;
+  }
+
+  void onConnection(bool up) override {
+    bool newly_cut = false;
+    bool recover = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (up) {
+        std::swap(recover, cut_);
+      } else {
+        // The transport reports every failed reconnection too; the cut is
+        // said once.
+        newly_cut = !cut_ && turn_busy_ && !turn_section_.empty();
+        cut_ = cut_ || newly_cut;
+      }
+    }
+    if (newly_cut) {
+      terminal_->line("bot",
+                      "(the connection dropped mid-answer; the rest follows when it is back)");
+    }
+    if (!recover) return;
+    worker_.post([this] {
+      terminal_->line("recover", "connection is back: fetching the rest of the answer");
+      if (!startFollowing()) {
+        terminal_->line("recover", "could not start; /recover tries again");
+        endTurn();
+      }
+    });
+  }
+
+  // Recovers the latest section, its answer streaming in place.
+  bool startFollowing() {
+    const auto conversation = lockConversation();
+    if (!conversation) return false;
+    setFollowing(true);
+    if (conversation->recoverRemoteSection()) return true;
+    setFollowing(false);
+    return false;
+  }
+
+  void onAck(const std::string& local_message_id, orvi::AckStatus status) override {
+    std::string label = "message";
+    bool quiet = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      const auto it = sent_.find(local_message_id);
+      if (it != sent_.end()) {
+        SentMessage& sent = it->second;
+        label = sent.label;
+        // A message the sender refused was reported as not sent already;
+        // one whose answer arrived evidently reached the server.
+        quiet = sent.not_sent || (status == orvi::AckStatus::Timeout &&
+                                  answered_sections_.count(sent.local_section_id) > 0);
+        sent.settled = true;
+      }
+    }
+    if (!quiet) terminal_->line("ack", label + " " + ackText(status));
     record([&](SessionFacts& facts) { facts.acks[local_message_id] = status; });
   }
 
   void onUserMessage(const orvi::UserMessage& message) override {
-    if (message.source != MessageSource::Live) return fromHistory(combo(message), message.source);
-    std::lock_guard<std::mutex> lock(mutex_);
-    kinds_.emplace(message.local_message_id, userKind(message));
+    if (message.source != MessageSource::Live) {
+      if (following_.load() && knows(message.local_message_id)) return;
+      return fromHistory(combo(message), message.source);
+    }
+    // The library reports a message before it leaves; when the sender
+    // refuses it, it reports it again as failed.
+    bool refused = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      SentMessage& sent = sent_[message.local_message_id];
+      sent.label = userLabel(message);
+      if (message.section) sent.local_section_id = message.section->local_section_id;
+      refused = message.status == orvi::MessageStatus::Failed && !sent.not_sent;
+      sent.not_sent = sent.not_sent || refused;
+      refusals_ += refused;
+    }
+    if (refused) terminal_->line("ack", userLabel(message) + " not sent: no connection");
+    changed_.notify_all();
   }
 
   void onAssistantMessage(const orvi::AssistantMessage& message) override {
-    if (message.source != MessageSource::Live) return fromHistory(combo(message), message.source);
+    const bool streams = message.source == MessageSource::Live ||
+                         (message.source == MessageSource::RemoteHistory && following_.load());
+    if (!streams) return fromHistory(combo(message), message.source);
     const bool tools = asksForTools(message);
+    const bool complete = message.status == orvi::MessageStatus::Completed;
+    const std::string section = message.section ? message.section->local_section_id : "";
     bool first_sight = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       first_sight = !tools || tool_messages_.insert(message.message_id).second;
+      answered_sections_.insert(section);
     }
-    if (!tools) {
-      terminal_->stream(message.message_id, answerText(message),
-                        message.status == orvi::MessageStatus::Completed);
-    } else if (first_sight) {
-      terminal_->line("bot", "asks for " + toolCallsText(*message.tool_calls));
-      postToolCalls(message);
+    if (tools) {
+      if (first_sight) terminal_->line("bot", "asks for " + toolCallsText(*message.tool_calls));
+      // A tool call recovered from the server was run when it first came.
+      if (first_sight && message.source == MessageSource::Live) postToolCalls(message);
+    } else {
+      // Deliveries of one conversation never overlap, so the answers being
+      // streamed need no lock.
+      AnswerText& answer = streaming_[message.message_id];
+      const bool extends =
+          answer.update(message.content ? message.content->content : std::string(), complete);
+      terminal_->stream(message.message_id, answer.text(), extends, complete);
+      if (complete) {
+        const std::string text = answer.text();
+        streaming_.erase(message.message_id);
+        record([&](SessionFacts& facts) { facts.answers[message.message_id].text = text; });
+      }
     }
     record([&](SessionFacts& facts) {
       AnswerFacts& answer = facts.answers[message.message_id];
-      if (message.section) answer.local_section_id = message.section->local_section_id;
-      answer.text = answerText(message);
+      answer.local_section_id = section;
       answer.status = message.status;
       answer.asks_for_tools = tools;
       ++answer.updates;
@@ -198,7 +314,9 @@ class ChatSession::Listener final : public orvi::ConversationListener {
   }
 
   void onSystemMessage(const orvi::SystemMessage& message) override {
-    if (message.source != MessageSource::Live) return fromHistory(combo(message), message.source);
+    if (message.source != MessageSource::Live && !following_.load()) {
+      return fromHistory(combo(message), message.source);
+    }
     terminal_->line("system", std::to_string(message.code) + " " + message.msg);
   }
 
@@ -206,6 +324,18 @@ class ChatSession::Listener final : public orvi::ConversationListener {
                        const orvi::SectionInfo& section) override {
     if (from_history) return;  // the end of a popup, not a turn
     terminal_->line("section", sectionText(status));
+    bool ends_turn = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (status == orvi::SectionStatus::Started) {
+        if (turn_busy_ && turn_section_.empty()) turn_section_ = section.local_section_id;
+      } else if (status != orvi::SectionStatus::OnGoing) {
+        ends_turn = turn_busy_ && section.local_section_id == turn_section_;
+      }
+    }
+    // The turn ends before the fact is recorded, so that whoever waits on
+    // the fact finds the next prompt free to go.
+    if (ends_turn) endTurn();
     record([&](SessionFacts& facts) {
       if (status == orvi::SectionStatus::Started) {
         facts.started_sections.push_back(section.local_section_id);
@@ -223,20 +353,103 @@ class ChatSession::Listener final : public orvi::ConversationListener {
       }
       return;
     }
+    if (extra) return remotePageEnded(status, *extra);
+    if (status != orvi::RecoverStatus::Started) setFollowing(false);
     std::string text = recoverText(status);
-    if (extra) {  // a page of recoverRemoteSections
-      text += extra->has_more ? " (older sections: repeat the command)"
-                              : " (start of the conversation)";
+    bool ends_turn = false;
+    {
       std::lock_guard<std::mutex> lock(mutex_);
-      remote_cursor_ = extra->has_more ? extra->next_cursor : std::string();
+      // A section still running goes on live and ends like any other.
+      ends_turn = turn_busy_ && status != orvi::RecoverStatus::Started;
+    }
+    if (ends_turn && status == orvi::RecoverStatus::Failed) {
+      text += ": the server could not return the rest; the answer stays cut";
     }
     terminal_->line("recover", text);
+    if (ends_turn) endTurn();
     record([&](SessionFacts& facts) { facts.recover_statuses.push_back(status); });
   }
 
   void onTraceEvent(const std::string&, const std::string&) override {}
 
  private:
+  // What the listener knows of a message this session sent.
+  struct SentMessage {
+    std::string label;  // how its status line names it
+    std::string local_section_id;
+    bool not_sent = false;  // the sender refused it
+    bool settled = false;   // it has its outcome
+  };
+
+  size_t unsettledLocked() const {
+    size_t count = 0;
+    for (const auto& entry : sent_) count += !entry.second.settled && !entry.second.not_sent;
+    return count;
+  }
+
+  bool knows(const std::string& local_message_id) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sent_.count(local_message_id) > 0;
+  }
+
+  std::shared_ptr<orvi::Conversation> lockConversation() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return conversation_.lock();
+  }
+
+  // Sends a prompt for which the turn is already reserved.
+  bool sendPrompt(const std::string& text) {
+    terminal_->line("you", text);
+    orvi::InputMessage message;
+    message.content = orvi::MessageContent(text, 0);
+    const auto conversation = lockConversation();
+    const size_t refusals_before = refusals();
+    if (conversation && !conversation->sendMessage(message).empty()) return true;
+    // A refusal by the sender has been said; a recovery in progress refuses
+    // before the message exists.
+    if (refusals() == refusals_before) {
+      terminal_->line("ack", "prompt not sent: a recovery is running, or the conversation closed");
+    }
+    endTurn();
+    return false;
+  }
+
+  size_t refusals() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return refusals_;
+  }
+
+  // The turn in progress is over: the next queued prompt, if any, goes out
+  // from the worker.
+  void endTurn() {
+    std::string next;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      turn_busy_ = false;
+      turn_section_.clear();
+      cut_ = false;
+      if (queued_prompts_.empty()) return;
+      next = std::move(queued_prompts_.front());
+      queued_prompts_.pop_front();
+      turn_busy_ = true;
+    }
+    worker_.post([this, next] { sendPrompt(next); });
+  }
+
+  void remotePageEnded(orvi::RecoverStatus status, const orvi::RecoverExtra& page) {
+    std::string text = recoverText(status);
+    if (status == orvi::RecoverStatus::Failed) {
+      text += " (the server did not send the page; /remote-history tries again)";
+    } else {
+      text +=
+          page.has_more ? " (older sections: repeat the command)" : " (start of the conversation)";
+      std::lock_guard<std::mutex> lock(mutex_);
+      remote_cursor_ = page.has_more ? page.next_cursor : std::string();
+    }
+    terminal_->line("recover", text);
+    record([&](SessionFacts& facts) { facts.recover_statuses.push_back(status); });
+  }
+
   void record(const std::function<void(SessionFacts&)>& change) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -253,7 +466,7 @@ class ChatSession::Listener final : public orvi::ConversationListener {
     });
   }
 
-  // Runs the calls on the tool thread and replies with all their results.
+  // Runs the calls on the worker and replies with all their results.
   void postToolCalls(const orvi::AssistantMessage& message) {
     std::weak_ptr<orvi::Conversation> conversation;
     {
@@ -261,7 +474,7 @@ class ChatSession::Listener final : public orvi::ConversationListener {
       conversation = conversation_;
     }
     const std::string section = message.section ? message.section->local_section_id : "";
-    tools_.post([this, conversation, section, message] {
+    worker_.post([this, conversation, section, message] {
       std::vector<orvi::ToolCallResult> results;
       std::string shown;
       for (const auto& call : *message.tool_calls) {
@@ -284,17 +497,25 @@ class ChatSession::Listener final : public orvi::ConversationListener {
 
   const std::shared_ptr<Terminal> terminal_;
   std::atomic<bool> popping_up_{false};
+  std::atomic<bool> following_{false};
+  std::map<std::string, AnswerText> streaming_;  // by message id; delivery threads only
 
   mutable std::mutex mutex_;  // guards the members below
   mutable std::condition_variable changed_;
   SessionFacts facts_;
-  std::map<std::string, std::string> kinds_;  // local message id -> prompt, cancel, ...
-  std::set<std::string> tool_messages_;       // assistant messages whose calls were run
+  std::map<std::string, SentMessage> sent_;  // by local message id
+  std::set<std::string> answered_sections_;  // local ids of sections an answer came for
+  std::set<std::string> tool_messages_;      // assistant messages whose calls were run
+  size_t refusals_ = 0;                      // messages the sender refused, so far
+  bool turn_busy_ = false;                   // a prompt is out and its answer not over
+  std::string turn_section_;                 // its local section, once started
+  bool cut_ = false;                         // the connection dropped during that answer
+  std::deque<std::string> queued_prompts_;
   std::optional<orvi::RecoverExtra> last_popup_page_;
   std::string remote_cursor_;
   std::weak_ptr<orvi::Conversation> conversation_;
 
-  ToolRunner tools_;  // last: its jobs use the members above, so it stops first
+  Worker worker_;  // last: its jobs use the members above, so it stops first
 };
 
 // One page of the local fetchHistoryMessages: prints it and keeps the
@@ -371,20 +592,20 @@ ChatSession::ChatSession(std::string local_id, std::shared_ptr<orvi::Conversatio
       local_pages_(std::make_shared<PagePrinter>(terminal_, "history")) {}
 
 ChatSession::~ChatSession() {
-  listener_->stopTools();
+  listener_->stopWorker();
   net_->removeReceiver(inbound_);
   orvi::ConversationHub::instance()->close(local_id_);
 }
 
 bool ChatSession::prompt(const std::string& text) {
-  orvi::InputMessage message;
-  message.content = orvi::MessageContent(text, 0);
-  if (!conversation_->sendMessage(message).empty()) return true;
-  terminal_->line("you", "not sent (no connection, or a recovery is running)");
-  return false;
+  return listener_->submitPrompt(text);
 }
 
 bool ChatSession::cancel() {
+  if (!listener_->answerInProgress()) {
+    terminal_->line("cancel", "nothing to cancel: no answer is in progress");
+    return false;
+  }
   if (conversation_->cancel(orvi::InputMessage()) == 0) return true;
   terminal_->line("cancel", "not sent (no connection)");
   return false;
@@ -400,7 +621,7 @@ bool ChatSession::retry() {
 }
 
 bool ChatSession::recoverLatestSection() {
-  if (conversation_->recoverRemoteSection()) return true;
+  if (listener_->startFollowing()) return true;
   terminal_->line("recover",
                   "not started (no server id or no stored message yet, or one is running)");
   return false;
@@ -439,6 +660,18 @@ void ChatSession::remoteHistoryPage(int count) {
   const std::string cursor = listener_->remoteCursor();
   if (conversation_->recoverRemoteSections(cursor.empty() ? "0" : cursor, count)) return;
   terminal_->line("remote", "not started (no server id yet, or a recovery is running)");
+}
+
+size_t ChatSession::unsettledMessages() const {
+  return listener_->unsettled();
+}
+
+bool ChatSession::waitSettled(std::chrono::milliseconds timeout) const {
+  return listener_->waitSettled(timeout);
+}
+
+std::weak_ptr<ConnectionWatcher> ChatSession::connectionWatcher() const {
+  return listener_;
 }
 
 SessionFacts ChatSession::facts() const {

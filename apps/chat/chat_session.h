@@ -2,15 +2,24 @@
 // listener that prints what it reports and records the facts a script can
 // wait on, and the tool runner that answers the assistant's tool calls.
 //
+// One turn runs at a time: a prompt typed while an answer is in progress
+// is queued, shown as such, and sent when that answer ends (completes, is
+// cancelled, fails or is recovered). When the connection drops mid-answer
+// the answer is marked as cut, and once the connection is back the latest
+// section is recovered from the server and the answer continues in place.
+// Every prompt gets one status line: accepted, refused, not sent, or not
+// accepted in time (unless its answer came, which says it arrived).
+//
 // ChatHost owns the one open session; its operations are called from the
 // main thread. The listener runs on the network I/O thread (frames and HTTP
 // answers), on the main thread (library calls that report synchronously:
-// sendMessage, cancel, popupHistoryMessages) and on the tool thread (reply).
-// The facts are guarded by one mutex that is never held during a library
-// call or while printing; printing is serialized by the Terminal.
+// sendMessage, cancel, popupHistoryMessages) and on the session's worker
+// thread (tool replies, queued prompts, recoveries after a reconnect). The
+// listener's state is guarded by one mutex that is never held during a
+// library call or while printing; printing is serialized by the Terminal.
 //
-// Closing (the destructor): the tool runner stops first and drops a queued
-// call, then the conversation leaves the network's receivers and the hub,
+// Closing (the destructor): the worker stops first and drops what is
+// queued, then the conversation leaves the network's receivers and the hub,
 // and is released.
 #pragma once
 
@@ -32,7 +41,7 @@ namespace orvi_chat {
 // A live assistant message as last reported.
 struct AnswerFacts {
   std::string local_section_id;
-  std::string text;
+  std::string text;  // set when the answer completes
   orvi::MessageStatus status = orvi::MessageStatus::Init;
   int updates = 0;  // deliveries so far: the first frame, then one per delta
   bool asks_for_tools = false;
@@ -48,6 +57,13 @@ struct SessionFacts {
   std::vector<orvi::ComboMessage> local_history;              // handed over from the database
   std::vector<orvi::ComboMessage> remote_history;             // handed over from the server
   std::vector<orvi::RecoverStatus> recover_statuses;          // of remote recoveries
+};
+
+// What a session hears of the network connection.
+class ConnectionWatcher {
+ public:
+  virtual ~ConnectionWatcher() = default;
+  virtual void onConnection(bool up) = 0;
 };
 
 // The visible text of an assistant message: the "text" of its JSON payload,
@@ -72,7 +88,9 @@ class ChatSession {
 
   // Each returns whether the library accepted the request, and prints why
   // not when it did not.
+  // Sends `text`, or queues it while an answer is in progress.
   bool prompt(const std::string& text);
+  // Cancels the answer in progress; false, said on screen, when none is.
   bool cancel();
   bool retry();
   bool recoverLatestSection();
@@ -84,6 +102,14 @@ class ChatSession {
   void historyPage(int count);
   // The same against the server's history, `count` sections a page.
   void remoteHistoryPage(int count);
+
+  // Messages sent and still without an outcome from the server.
+  size_t unsettledMessages() const;
+  // Waits until every sent message has its outcome, or `timeout` passes.
+  bool waitSettled(std::chrono::milliseconds timeout) const;
+  // Told of the network connection by ChatHost, which holds it weakly and
+  // calls it on the I/O thread, so the session may close meanwhile.
+  std::weak_ptr<ConnectionWatcher> connectionWatcher() const;
 
   SessionFacts facts() const;
   // Waits until `condition` holds for the facts, or `timeout` passes.

@@ -106,10 +106,16 @@ class CommandLoop {
          onSession([](ChatSession& session, const std::string& n) {
            session.remoteHistoryPage(pageSize(n));
          })},
-        {"/delete", "ID", "delete a closed conversation on the server and locally",
-         [this](const std::string& id) {
+        {"/delete", "ID [local]",
+         "delete a closed conversation on the server and locally; "
+         "with 'local', only here",
+         [this](const std::string& argument) {
+           const auto [id, where] = splitCommand(argument);
            if (id.empty()) return terminal_->line("?", "/delete needs a conversation id (/list)");
-           host_.remove(id);
+           if (!where.empty() && where != "local") {
+             return terminal_->line("?", "/delete ID, or /delete ID local");
+           }
+           host_.remove(id, where == "local");
          }},
     };
   }
@@ -120,7 +126,9 @@ class CommandLoop {
       terminal_->line("help", usage + std::string(usage.size() < 22 ? 22 - usage.size() : 1, ' ') +
                                   command.help);
     }
-    terminal_->line("help", "/quit                 leave (so does end of input)");
+    terminal_->line("help",
+                    "/quit                 leave (so does end of input); waits up to 5 s "
+                    "for what was sent to be accepted");
     terminal_->line("help", "anything else is a prompt for the open conversation");
   }
 
@@ -131,12 +139,18 @@ class CommandLoop {
 
 }  // namespace
 
-int runInteractive(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal) {
+// How long /quit waits for the acknowledgements of what was sent.
+constexpr std::chrono::seconds kQuitWait(5);
+
+int runInteractive(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal,
+                   const std::shared_ptr<LogFile>& log) {
   HostSettings settings;
   settings.websocket_url = options.server_url;
   settings.http_url = options.http_url;
   settings.headers = options.headers;
   settings.cache_dir = options.cache_dir.empty() ? defaultCacheDir() : options.cache_dir;
+  settings.log_path = options.log_file;
+  settings.log = log;
   settings.verbose = options.verbose;
   ChatHost host(std::move(settings), terminal);
   std::string error;
@@ -147,14 +161,15 @@ int runInteractive(const ChatOptions& options, const std::shared_ptr<Terminal>& 
   if (!host.waitConnected(std::chrono::seconds(5))) {
     terminal->line("net", "not connected yet; prompts are refused until the connection is up");
   }
-  if (ChatSession* session = host.open(options.conversation)) {
-    if (!options.conversation.empty()) session->restore(true);
-  }
+  ChatSession* session = host.open(options.conversation);
+  if (session && !options.conversation.empty()) session->restore(true);
+  if (!session && !options.conversation.empty()) host.open("");
   terminal->line("help", "type a prompt, or /help for the commands");
   CommandLoop loop(host, terminal);
   std::string line;
   while (std::getline(std::cin, line) && loop.handle(line)) {
   }
+  host.quit(kQuitWait);
   return 0;
 }
 

@@ -5,12 +5,14 @@
 
 #include <memory>
 
+#include "log_file.h"
 #include "options.h"
 #include "terminal.h"
 
 namespace orvi_chat {
 
 // Runs until /quit or the end of input. Returns the process exit code.
-int runInteractive(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal);
+int runInteractive(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal,
+                   const std::shared_ptr<LogFile>& log);
 
 }  // namespace orvi_chat

@@ -77,8 +77,8 @@ bool hasCompleteAnswer(const Restored& restored, const std::string& text) {
 
 class Demo {
  public:
-  Demo(const ChatOptions& options, std::shared_ptr<Terminal> terminal)
-      : options_(options), terminal_(std::move(terminal)) {}
+  Demo(const ChatOptions& options, std::shared_ptr<Terminal> terminal, std::shared_ptr<LogFile> log)
+      : options_(options), terminal_(std::move(terminal)), log_(std::move(log)) {}
   ~Demo() {
     host_.reset();
     if (emulator_) emulator_->stop();
@@ -86,10 +86,10 @@ class Demo {
 
   int run() {
     const bool passed = startService() && plainTurn() && toolTurn() && cancelledTurn() &&
-                        restart() && recoverAndList();
+                        cutTurn() && restart() && recoverAndList();
     if (!passed) {
       terminal_->line("demo", "FAILED: " + missing_);
-      terminal_->line("demo", "the history is kept in " + cache_dir_);
+      terminal_->line("demo", "the history and the log are kept in " + cache_dir_);
       return 1;
     }
     host_.reset();
@@ -108,10 +108,8 @@ class Demo {
   bool startService() {
     orvi::emulator::EmulatorOptions emulator_options;
     if (options_.verbose) {
-      std::weak_ptr<Terminal> terminal = terminal_;
-      emulator_options.log = [terminal](const std::string& line) {
-        if (const auto target = terminal.lock()) target->diagnostic("emulator: " + line);
-      };
+      const std::shared_ptr<LogFile> log = log_;
+      emulator_options.log = [log](const std::string& line) { log->write("emulator", line); };
     }
     emulator_ = std::make_unique<orvi::emulator::Emulator>(std::move(emulator_options));
     std::string error;
@@ -124,6 +122,8 @@ class Demo {
     settings.websocket_url = "ws://" + address + "/chat";
     settings.http_url = "http://" + address;
     settings.cache_dir = cache_dir_;
+    settings.log_path = options_.log_file;
+    settings.log = log_;
     settings.verbose = options_.verbose;
     settings.ack_timeout_ms = 2000;
     host_ = std::make_unique<ChatHost>(std::move(settings), terminal_);
@@ -182,7 +182,8 @@ class Demo {
   }
 
   bool cancelledTurn() {
-    step("(c) a long answer, cancelled after " + std::to_string(kDeltasBeforeCancel) + " deltas");
+    step("(c) a long answer; a prompt typed meanwhile is queued; the answer is cancelled after " +
+         std::to_string(kDeltasBeforeCancel) + " deltas and the queued prompt goes out");
     story_.prompt = "Tell me a long story about a lighthouse keeper.";
     if (!send(&story_)) return false;
     if (!waitFor("the story to start streaming", [&](const SessionFacts& facts) {
@@ -196,15 +197,63 @@ class Demo {
         orvi::MessageStatus::Completed) {
       return fail("the story ended before it could be cancelled");
     }
+    const size_t started = session_->facts().started_sections.size();
+    queued_.prompt = "And what is a lighthouse for?";
+    if (!session_->prompt(queued_.prompt)) return fail("the queued prompt was refused");
+    if (session_->facts().started_sections.size() != started) {
+      return fail("the prompt went out while the story was streaming");
+    }
     terminal_->line("you", "/cancel");
     if (!session_->cancel()) return fail("the cancel was not sent");
-    return waitFor("the section to end as cancelled", [&](const SessionFacts& facts) {
-      return sectionIs(facts, story_.section, orvi::SectionStatus::Cancelled);
-    });
+    if (!waitFor("the section to end as cancelled", [&](const SessionFacts& facts) {
+          return sectionIs(facts, story_.section, orvi::SectionStatus::Cancelled);
+        })) {
+      return false;
+    }
+    if (!waitFor("the queued prompt to go out", [&](const SessionFacts& facts) {
+          return facts.started_sections.size() > started;
+        })) {
+      return false;
+    }
+    queued_.section = session_->facts().started_sections[started];
+    return completes(&queued_) &&
+           waitFor("the queued prompt's section to complete", [&](const SessionFacts& facts) {
+             return sectionIs(facts, queued_.section, orvi::SectionStatus::Completed);
+           });
+  }
+
+  bool cutTurn() {
+    step(
+        "(d) the connection drops mid-answer; once it is back the answer is recovered and "
+        "continues in place");
+    orvi::emulator::Faults faults;
+    faults.cut_after_deltas = kDeltasBeforeCancel;
+    emulator_->setFaults(faults);
+    cut_.prompt = "Tell me a story about a cut cable.";
+    if (!send(&cut_)) return false;
+    if (!waitFor("the recovery after the reconnection",
+                 [&](const SessionFacts& facts) { return !facts.recover_statuses.empty(); })) {
+      return false;
+    }
+    if (session_->facts().recover_statuses.back() != orvi::RecoverStatus::Completed) {
+      return fail("the recovery after the reconnection did not complete");
+    }
+    return completes(&cut_);
+  }
+
+  // Waits for the complete answer of `turn` and keeps it.
+  bool completes(Turn* turn) {
+    if (!waitFor("the answer to \"" + turn->prompt + "\"", [&](const SessionFacts& facts) {
+          return completeAnswer(facts, turn->section).has_value();
+        })) {
+      return false;
+    }
+    turn->answer = completeAnswer(session_->facts(), turn->section)->text;
+    return true;
   }
 
   bool restart() {
-    step("(d) restart: close the conversation, drop the network transport, reopen " + local_id_);
+    step("(e) restart: close the conversation, drop the network transport, reopen " + local_id_);
     session_ = nullptr;
     std::string error;
     if (!host_->restartTransport(&error)) return fail("no new transport: " + error);
@@ -227,8 +276,8 @@ class Demo {
       missing = whatIsMissing(restored);
       if (missing.empty()) {
         step("restored " + std::to_string(count) +
-             " messages: the three prompts, both complete answers, the tool result and the "
-             "cancel are there");
+             " messages: the five prompts, the four complete answers (the recovered one "
+             "included), the tool result and the cancel are there");
         return true;
       }
     }
@@ -236,7 +285,7 @@ class Demo {
   }
 
   std::string whatIsMissing(const Restored& restored) const {
-    for (const Turn* turn : {&plain_, &weather_, &story_}) {
+    for (const Turn* turn : {&plain_, &weather_, &story_, &queued_, &cut_}) {
       if (!hasUser(restored, [&](const orvi::UserMessage& message) {
             return message.content && message.content->content == turn->prompt;
           })) {
@@ -245,6 +294,8 @@ class Demo {
     }
     if (!hasCompleteAnswer(restored, plain_.answer)) return "the complete answer of (a)";
     if (!hasCompleteAnswer(restored, weather_.answer)) return "the complete answer of (b)";
+    if (!hasCompleteAnswer(restored, queued_.answer)) return "the answer to the queued prompt";
+    if (!hasCompleteAnswer(restored, cut_.answer)) return "the recovered answer of (d)";
     if (!hasUser(restored, [](const orvi::UserMessage& message) {
           return message.tool_result && !message.tool_result->tool_call_result.empty() &&
                  message.tool_result->tool_call_result.front().name == "get_weather";
@@ -271,7 +322,7 @@ class Demo {
       return fail("the recovery failed");
     }
     if (!hasUser(facts.remote_history, [&](const orvi::UserMessage& message) {
-          return message.content && message.content->content == story_.prompt;
+          return message.content && message.content->content == cut_.prompt;
         })) {
       return fail("the recovered section lacks the story prompt");
     }
@@ -287,7 +338,6 @@ class Demo {
 
   bool send(Turn* turn) {
     const size_t before = session_->facts().started_sections.size();
-    terminal_->line("you", turn->prompt);
     if (!session_->prompt(turn->prompt)) return fail("the prompt was not sent");
     // sendMessage reports the new section before it returns.
     const SessionFacts facts = session_->facts();
@@ -310,20 +360,22 @@ class Demo {
 
   const ChatOptions options_;
   const std::shared_ptr<Terminal> terminal_;
+  const std::shared_ptr<LogFile> log_;
   std::unique_ptr<orvi::emulator::Emulator> emulator_;
   std::unique_ptr<ChatHost> host_;
   ChatSession* session_ = nullptr;  // owned by host_
   std::string cache_dir_;
   bool temporary_cache_ = false;
   std::string local_id_;
-  Turn plain_, weather_, story_;
+  Turn plain_, weather_, story_, queued_, cut_;
   std::string missing_;
 };
 
 }  // namespace
 
-int runDemo(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal) {
-  Demo demo(options, terminal);
+int runDemo(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal,
+            const std::shared_ptr<LogFile>& log) {
+  Demo demo(options, terminal, log);
   return demo.run();
 }
 

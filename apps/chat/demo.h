@@ -8,12 +8,14 @@
 
 #include <memory>
 
+#include "log_file.h"
 #include "options.h"
 #include "terminal.h"
 
 namespace orvi_chat {
 
 // Returns the process exit code: 0 when every check passed.
-int runDemo(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal);
+int runDemo(const ChatOptions& options, const std::shared_ptr<Terminal>& terminal,
+            const std::shared_ptr<LogFile>& log);
 
 }  // namespace orvi_chat

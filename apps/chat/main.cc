@@ -10,24 +10,21 @@
 
 #include "commands.h"
 #include "demo.h"
+#include "log_file.h"
 #include "options.h"
 #include "terminal.h"
 
 namespace {
 
-// The library's log lines, on standard error with a prefix. The library
-// keeps its handler until exit, so the terminal is held weakly: lines
-// logged after main has returned are dropped.
-class TerminalLog final : public orvi::ILogHandler {
+// The library's log lines, in the log file. The library keeps its handler
+// until exit, and the handler keeps the file.
+class FileLog final : public orvi::ILogHandler {
  public:
-  explicit TerminalLog(std::weak_ptr<orvi_chat::Terminal> terminal)
-      : terminal_(std::move(terminal)) {}
-  void log(orvi::LogLevel, const std::string& line) override {
-    if (const auto terminal = terminal_.lock()) terminal->diagnostic("orvi: " + line);
-  }
+  explicit FileLog(std::shared_ptr<orvi_chat::LogFile> file) : file_(std::move(file)) {}
+  void log(orvi::LogLevel, const std::string& line) override { file_->write("orvi", line); }
 
  private:
-  const std::weak_ptr<orvi_chat::Terminal> terminal_;
+  const std::shared_ptr<orvi_chat::LogFile> file_;
 };
 
 int run(int argc, char** argv) {
@@ -43,12 +40,11 @@ int run(int argc, char** argv) {
     return 0;
   }
   const auto terminal = std::make_shared<orvi_chat::Terminal>(std::cout, std::cerr);
-  // Warnings and errors only, unless --verbose: the levels below are the
-  // library's narration of its own work.
-  orvi::ILogger::setLogLevel(options->verbose ? orvi::LogLevel::Debug : orvi::LogLevel::Warn);
-  orvi::ILogger::registerHandler(std::make_shared<TerminalLog>(terminal));
-  return options->demo ? orvi_chat::runDemo(*options, terminal)
-                       : orvi_chat::runInteractive(*options, terminal);
+  const auto log = std::make_shared<orvi_chat::LogFile>();
+  orvi::ILogger::registerHandler(std::make_shared<FileLog>(log));
+  orvi::ILogger::setLogLevel(options->verbose ? orvi::LogLevel::Debug : orvi::LogLevel::Info);
+  return options->demo ? orvi_chat::runDemo(*options, terminal, log)
+                       : orvi_chat::runInteractive(*options, terminal, log);
 }
 
 }  // namespace

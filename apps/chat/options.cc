@@ -50,6 +50,7 @@ std::optional<ChatOptions> parseArguments(const std::vector<std::string>& args,
     if (flag == "--http") target = &options.http_url;
     if (flag == "--cache") target = &options.cache_dir;
     if (flag == "--conversation") target = &options.conversation;
+    if (flag == "--log") target = &options.log_file;
     const bool is_header = flag == "--header";
     if (!target && !is_header) return fail("unknown argument '" + flag + "'");
     if (i + 1 >= args.size() || args[i + 1].empty()) return fail(flag + " needs a value");
@@ -81,10 +82,11 @@ std::string defaultCacheDir() {
 const char* usageText() {
   return "usage: orvi-chat --server ws://HOST:PORT/chat [--http http://HOST:PORT]\n"
          "                 [--cache DIR] [--header NAME:VALUE]... [--conversation LOCAL_ID]\n"
-         "                 [--verbose]\n"
-         "       orvi-chat --demo [--cache DIR] [--verbose]\n"
+         "                 [--log FILE] [--verbose]\n"
+         "       orvi-chat --demo [--cache DIR] [--log FILE] [--verbose]\n"
          "\n"
          "Interactive: type a prompt, or /help for the commands.\n"
+         "Diagnostics go to FILE (default: orvi-chat.log in the cache directory).\n"
          "--demo runs a scripted conversation against an emulated service inside the\n"
          "process and checks that the history restored after a restart matches it.\n";
 }

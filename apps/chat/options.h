@@ -17,6 +17,7 @@ struct ChatOptions {
   std::string http_url;      // --http http://HOST:PORT
   std::string cache_dir;     // --cache DIR; empty: the default (interactive) or a temp dir (demo)
   std::string conversation;  // --conversation LOCAL_ID; empty: a new conversation
+  std::string log_file;      // --log FILE; empty: orvi-chat.log in the cache directory
   std::vector<std::pair<std::string, std::string>> headers;  // --header K:V, in order
 };
 

@@ -28,15 +28,15 @@ void Terminal::diagnostic(const std::string& text) {
   err_ << printableText(text) << '\n' << std::flush;
 }
 
-void Terminal::stream(const std::string& message_id, const std::string& whole_text, bool complete) {
+void Terminal::stream(const std::string& message_id, const std::string& whole_text, bool extends,
+                      bool complete) {
   // A character cut at the end of an unfinished answer waits for its rest.
   const std::string_view text(whole_text.data(),
                               complete ? whole_text.size() : completePrefixLength(whole_text));
   std::lock_guard<std::mutex> lock(mutex_);
-  std::string& shown = shown_[message_id];
-  const bool appended = text.compare(0, shown.size(), shown) == 0;
-  if (open_id_ == message_id && appended) {
-    out_ << printableText(text.substr(shown.size()));
+  size_t& shown = shown_[message_id];
+  if (open_id_ == message_id && extends && text.size() >= shown) {
+    out_ << printableText(text.substr(shown));
   } else {
     // A new answer, one interrupted by another line, or a rewrite that is
     // not an append: start over on a line of its own.
@@ -44,7 +44,7 @@ void Terminal::stream(const std::string& message_id, const std::string& whole_te
     out_ << padded(kAnswerTag) << printableText(text);
     open_id_ = message_id;
   }
-  shown = text;
+  shown = text.size();
   if (complete) {
     out_ << '\n';
     open_id_.clear();

@@ -4,9 +4,11 @@
 //
 // An assistant answer streams "in place": each update prints only the text
 // appended since the last one, on the same line, and the line ends when the
-// answer completes. Any other line printed meanwhile first ends the open
-// stream line; a later update of that answer starts a fresh line with the
-// whole text so far, so the reader never sees a fragment without context.
+// answer completes. What an update costs follows the size of what it
+// appended, not of the answer. Any other line printed meanwhile first ends
+// the open stream line; a later update of that answer starts a fresh line
+// with the whole text so far, so the reader never sees a fragment without
+// context.
 // Every text is shown through printableText: no control sequence from the
 // server or a log line reaches the terminal.
 //
@@ -28,8 +30,9 @@ class Terminal {
   void line(const std::string& tag, const std::string& text);
   // A diagnostic on standard error (log lines, failures).
   void diagnostic(const std::string& text);
-  // The latest text of the answer `message_id`; `complete` ends its line.
-  void stream(const std::string& message_id, const std::string& text, bool complete);
+  // The latest text of the answer `message_id`; `extends` tells that it
+  // begins with the text of the previous update, `complete` ends its line.
+  void stream(const std::string& message_id, const std::string& text, bool extends, bool complete);
 
  private:
   void endOpenLineLocked();
@@ -37,8 +40,8 @@ class Terminal {
   std::mutex mutex_;  // guards out_, err_ and the members below
   std::ostream& out_;
   std::ostream& err_;
-  std::string open_id_;                       // the answer whose text ends the current line
-  std::map<std::string, std::string> shown_;  // text printed so far, by unfinished answer
+  std::string open_id_;                  // the answer whose text ends the current line
+  std::map<std::string, size_t> shown_;  // bytes of text printed so far, by unfinished answer
 };
 
 }  // namespace orvi_chat

@@ -36,6 +36,10 @@ struct EmulatorOptions {
   int32_t delta_interval_ms = 20;  // pause between the deltas of an answer
   int32_t gzip_every = 3;          // every Nth downlink frame is gzip-compressed; 0: none
   Faults faults;
+  // Part of every server id ("am-RUN-N"), so that a client that goes on
+  // talking to a restarted emulator never gets an id of an earlier run;
+  // empty: the start time in milliseconds, in base 36.
+  std::string id_run;
   // Log lines of the emulator; empty: none.
   std::function<void(const std::string& line)> log;
 };

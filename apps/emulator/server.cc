@@ -42,6 +42,20 @@ enum class Channel { Chat, Sync };
 constexpr uint64_t kMaxWsMessageBytes = 16u << 20;
 constexpr uint64_t kMaxRestBodyBytes = 1u << 20;
 
+// The start time in milliseconds, in base 36: 8 characters, different for
+// each run started more than a millisecond apart.
+std::string runFromClock() {
+  auto ms = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::system_clock::now().time_since_epoch())
+                                      .count());
+  std::string run;
+  do {
+    run.insert(run.begin(), "0123456789abcdefghijklmnopqrstuvwxyz"[ms % 36]);
+    ms /= 36;
+  } while (ms != 0);
+  return run;
+}
+
 std::string pathOf(beast::string_view target) {
   const auto query = target.find('?');
   return std::string(target.substr(0, query));
@@ -59,6 +73,7 @@ class Server : public ServiceHost {
   explicit Server(EmulatorOptions options)
       : options_(std::move(options)),
         faults_(options_.faults),
+        store_(options_.id_run.empty() ? runFromClock() : options_.id_run),
         chat_(*this, faults_, store_, options_.delta_interval_ms, options_.gzip_every,
               [this](const std::string& line) { log(line); }),
         rest_(store_, [this] { return nowMs(); }),

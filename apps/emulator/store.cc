@@ -66,7 +66,8 @@ bool Store::erase(const std::string& conversation_id) {
 }
 
 std::string Store::newId(const char* prefix) {
-  return prefix + std::to_string(++last_id_[prefix]);
+  const std::string number = std::to_string(++last_id_[prefix]);
+  return run_.empty() ? prefix + number : prefix + run_ + "-" + number;
 }
 
 }  // namespace emulator

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -54,16 +55,22 @@ struct Conversation {
 
 class Store {
  public:
+  // `run` goes into every id this store makes, so that the ids of one run of
+  // the emulator never repeat those of an earlier one; empty: bare numbers.
+  explicit Store(std::string run = std::string()) : run_(std::move(run)) {}
+
   // Conversations in the order they were made.
   std::vector<Conversation>& conversations() { return conversations_; }
   Conversation* find(const std::string& conversation_id);
   Conversation* findByLocalId(const std::string& local_conversation_id);
   bool erase(const std::string& conversation_id);
 
-  // Server ids: "c-N", "s-N", "um-N" (user messages) and "am-N" (assistant).
+  // Server ids: "c-N", "s-N", "um-N" (user messages) and "am-N" (assistant),
+  // or "c-RUN-N" and so on with a run.
   std::string newId(const char* prefix);
 
  private:
+  const std::string run_;
   std::vector<Conversation> conversations_;
   std::map<std::string, uint64_t> last_id_;  // by prefix
 };

@@ -55,6 +55,10 @@ class ORVI_EXPORT ConversationHub {
   // Deletes the conversation on the server, then locally. False when it is
   // open or no sender is connected.
   virtual bool remove(const std::string& local_conversation_id) = 0;
+  // Deletes the conversation from the local history only, without asking
+  // the server: for one the server no longer knows, which remove() can never
+  // delete. False when it is open, unknown, or config has not succeeded.
+  virtual bool removeLocal(const std::string& local_conversation_id) = 0;
   virtual void listen(std::shared_ptr<ConversationHubListener> listener) = 0;
   // The hub's own channel, used for listing and removing conversations.
   virtual std::shared_ptr<ITransport> connect(std::shared_ptr<ITransportSender> sender) = 0;

@@ -64,9 +64,9 @@ TEST(PrintableTest, StreamedAnswersCutAnywhereNeverReachTheTerminalRaw) {
     size_t sent = 0;
     while (sent < answer.size()) {
       sent = std::min(answer.size(), sent + 1 + random() % 4);  // cuts inside sequences too
-      terminal.stream("m", answer.substr(0, sent), false);
+      terminal.stream("m", answer.substr(0, sent), true, false);
     }
-    terminal.stream("m", answer, true);
+    terminal.stream("m", answer, true, true);
     const std::string expected = "bot      " + printableText(answer) + "\n";
     ASSERT_EQ(out.str(), expected) << "round " << round;
     ASSERT_TRUE(onlyText(out.str()));

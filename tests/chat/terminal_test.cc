@@ -16,10 +16,10 @@ namespace {
 TEST(TerminalTest, StreamsPrintOnlyWhatWasAppended) {
   std::ostringstream out, err;
   Terminal terminal(out, err);
-  terminal.stream("m1", "", false);  // the empty first frame of an answer
-  terminal.stream("m1", "It ", false);
-  terminal.stream("m1", "It is", false);
-  terminal.stream("m1", "It is sunny.", true);
+  terminal.stream("m1", "", true, false);  // the empty first frame of an answer
+  terminal.stream("m1", "It ", true, false);
+  terminal.stream("m1", "It is", true, false);
+  terminal.stream("m1", "It is sunny.", true, true);
   EXPECT_EQ(out.str(), "bot      It is sunny.\n");
   EXPECT_EQ(err.str(), "");
 }
@@ -27,13 +27,13 @@ TEST(TerminalTest, StreamsPrintOnlyWhatWasAppended) {
 TEST(TerminalTest, InterruptedOrRewrittenStreamsRestartWithTheWholeText) {
   std::ostringstream out, err;
   Terminal terminal(out, err);
-  terminal.stream("m1", "Once", false);
+  terminal.stream("m1", "Once", true, false);
   terminal.line("ack", "prompt accepted");
-  terminal.stream("m1", "Once upon", false);   // resumes on a line of its own
-  terminal.stream("m1", "Twice upon", false);  // not an append: shown whole
-  terminal.stream("m2", "Other", false);       // another answer takes the line
-  terminal.diagnostic("orvi: a warning");      // stderr, but ends the stdout line
-  terminal.stream("m1", "Twice upon a time", true);
+  terminal.stream("m1", "Once upon", true, false);    // resumes on a line of its own
+  terminal.stream("m1", "Twice upon", false, false);  // a rewrite: shown whole
+  terminal.stream("m2", "Other", true, false);        // another answer takes the line
+  terminal.diagnostic("orvi: a warning");             // stderr, but ends the stdout line
+  terminal.stream("m1", "Twice upon a time", true, true);
   EXPECT_EQ(out.str(),
             "bot      Once\n"
             "ack      prompt accepted\n"
@@ -79,7 +79,7 @@ TEST(TerminalTest, LinesFromManyThreadsStayWhole) {
           terminal.line("ack", "thread " + std::to_string(t) + " line " + std::to_string(i));
         } else {
           text += "w" + std::to_string(t);
-          terminal.stream(id, text, i == kLines - 1);
+          terminal.stream(id, text, true, i == kLines - 1);
         }
       }
     });

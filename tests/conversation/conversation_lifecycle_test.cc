@@ -150,6 +150,18 @@ TEST_F(ConversationLifecycleTest, ListingAndRemovingOnTheServer) {
   ASSERT_TRUE(server_->drain());
   EXPECT_EQ(hub_listener->results, (std::vector<bool>{true, false}));
   EXPECT_EQ(hub_->list().size(), 1u);
+  // ... and removeLocal is how a host gets rid of it: never while it is
+  // open, never for an id it does not store, and without asking the server.
+  const size_t asked_before = server_->requests().size();
+  auto kept = hub_->open("kept", {});
+  EXPECT_FALSE(hub_->removeLocal("kept"));
+  kept.reset();
+  hub_->close("kept");
+  EXPECT_FALSE(hub_->removeLocal("never-stored"));
+  EXPECT_TRUE(hub_->removeLocal("kept"));
+  EXPECT_TRUE(hub_->list().empty());
+  EXPECT_EQ(server_->requests().size(), asked_before);
+  EXPECT_EQ(hub_listener->results, (std::vector<bool>{true, false}));
 
   // A host that answers every request twice: each answer reaches the
   // callback once.

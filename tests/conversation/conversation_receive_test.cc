@@ -451,6 +451,25 @@ TEST_F(ConversationReceiveTest, StreamedTextIsStoredAsShownWhileItStreams) {
   EXPECT_EQ(storedAnswer("dropped", "am-1"), "one");
   dropped.reset();
   EXPECT_EQ(storedAnswer("dropped", "am-1"), "one two three");
+
+  // Cut mid-answer and recovered: the server's whole answer is stored, and
+  // the text shown before the cut does not come back over it when the
+  // conversation goes.
+  auto recovering = std::make_shared<test::RecordingListener>();
+  auto recovered = open("recovered", {}, recovering);
+  checkpointEvery(recovered, 60000);
+  recovered->sendMessage(prompt("q"));
+  ASSERT_TRUE(server_->drain());
+  EXPECT_EQ(storedAnswer("recovered", "am-1"), "one");
+  server_->setRestScript([](const HttpRequest&) {
+    return R"({"ret":"0","errmsg":"","data":{"status":0,"message_list":[)"
+           R"({"message_id":"am-1","conversation_id":"c-1","section_id":"s-1","role":"assistant",)"
+           R"("content":{"payload":"{\"text\":\"one two three four\"}","content_type":1}}]}})";
+  });
+  ASSERT_TRUE(recovered->recoverRemoteSection());
+  ASSERT_TRUE(recovering->waitFor([](const Calls& c) { return !c.recover_statuses.empty(); }));
+  recovered.reset();
+  EXPECT_EQ(storedAnswer("recovered", "am-1"), "one two three four");
 }
 
 // A server that restarted hands out its ids again, and one that does not

@@ -1,9 +1,9 @@
 #include "orvi/conversation/conversation_hub.h"
 
 #include <algorithm>
-#include <iterator>
 #include <chrono>
 #include <exception>
+#include <iterator>
 
 #include "orvi/conversation/conversation_impl.h"
 #include "orvi/history/manager/history_manager.h"
@@ -26,8 +26,7 @@ ConversationHubImpl::ConversationHubImpl() : history_(std::make_shared<HistoryMa
 
 ConversationHubImpl::~ConversationHubImpl() = default;
 
-void ConversationHubImpl::config(const OrviConfig& config,
-                                 std::shared_ptr<ISqlExecutor> executor) {
+void ConversationHubImpl::config(const OrviConfig& config, std::shared_ptr<ISqlExecutor> executor) {
   bool idle = false;
   const bool runs = configuring_.compare_exchange_strong(idle, true);
   if (!runs || configured_.load()) {
@@ -200,6 +199,24 @@ bool ConversationHubImpl::remove(const std::string& local_conversation_id) {
         if (!success) return;
         if (const auto manager = history.lock()) manager->deleteConversation(local_conversation_id);
       });
+  return true;
+}
+
+bool ConversationHubImpl::removeLocal(const std::string& local_conversation_id) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (checkConversation(local_conversation_id)) {
+      ORVI_LOGI("local conversation(%s) is opened, can't remove", local_conversation_id.c_str());
+      return false;
+    }
+  }
+  ConversationInfo info;
+  if (!configured_.load() || !history_->findConversation(local_conversation_id, info)) {
+    ORVI_LOGW("local conversation(%s) is not stored, nothing to remove",
+              local_conversation_id.c_str());
+    return false;
+  }
+  history_->deleteConversation(local_conversation_id);
   return true;
 }
 

@@ -41,6 +41,7 @@ class ConversationHubImpl : public ConversationHub {
                   std::shared_ptr<IConversations> callback) override;
   void saveConversationInfos(const ConversationListInfo& page) override;
   bool remove(const std::string& local_conversation_id) override;
+  bool removeLocal(const std::string& local_conversation_id) override;
   void listen(std::shared_ptr<ConversationHubListener> listener) override;
   std::shared_ptr<ITransport> connect(std::shared_ptr<ITransportSender> sender) override;
   bool flush(int64_t timeout_ms) override;

@@ -218,6 +218,11 @@ void ConversationImpl::deliverRecovered(const RecoveredSection& section) {
     if (combo.system_message) combo.system_message->source = MessageSource::RemoteHistory;
   }
   if (listener) handOver(combos);
+  // The server's copy of an answer supersedes what was shown of it live: a
+  // checkpoint still pending would write the older text over the merge.
+  for (const auto& message : section.messages) {
+    if (message) checkpoints_.erase(message->envelope().message_id);
+  }
   if (history_) history_->mergeMessage(local_conversation_id_, section.messages);
 }
 

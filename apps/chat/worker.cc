@@ -1,14 +1,14 @@
-#include "tool_runner.h"
+#include "worker.h"
 
 namespace orvi_chat {
 
-ToolRunner::ToolRunner() : thread_([this] { run(); }) {}
+Worker::Worker() : thread_([this] { run(); }) {}
 
-ToolRunner::~ToolRunner() {
+Worker::~Worker() {
   stop();
 }
 
-void ToolRunner::post(std::function<void()> job) {
+void Worker::post(std::function<void()> job) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopped_) return;
@@ -17,7 +17,7 @@ void ToolRunner::post(std::function<void()> job) {
   wake_.notify_one();
 }
 
-void ToolRunner::stop() {
+void Worker::stop() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopped_ = true;
@@ -27,7 +27,7 @@ void ToolRunner::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
-void ToolRunner::run() {
+void Worker::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     wake_.wait(lock, [this] { return stopped_ || !jobs_.empty(); });

@@ -1,5 +1,5 @@
-// The tool thread: jobs run in the order posted; after stop nothing runs.
-#include "tool_runner.h"
+// The worker thread: jobs run in the order posted; after stop nothing runs.
+#include "worker.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 namespace orvi_chat {
 namespace {
 
-TEST(ToolRunnerTest, RunsJobsInOrderAndDropsThemAfterStop) {
-  ToolRunner runner;
+TEST(WorkerTest, RunsJobsInOrderAndDropsThemAfterStop) {
+  Worker runner;
   std::vector<int> order;  // written by the runner's thread only, read after the promise
   std::promise<void> done;
   for (int i = 0; i < 50; ++i) runner.post([&order, i] { order.push_back(i); });

@@ -1,11 +1,13 @@
-// A worker thread for tool calls, so that a tool never runs on the network
-// I/O thread that delivered the call (a real tool may take seconds).
+// A worker thread for what a session does on its own: running tool calls
+// (a real tool may take seconds, and must not hold up the network I/O
+// thread that delivered the call), sending queued prompts and recovering
+// after a reconnect.
 //
 // Owns its thread: started by the constructor, joined by stop() or the
 // destructor. Jobs run one at a time in the order posted; on stop the job
 // that is running finishes and the queued ones are dropped. post() may be
 // called from any thread; after stop it drops the job. A job must not stop
-// or destroy its own runner (the owner stops it before releasing what the
+// or destroy its own worker (the owner stops it before releasing what the
 // jobs reach).
 #pragma once
 
@@ -17,12 +19,12 @@
 
 namespace orvi_chat {
 
-class ToolRunner {
+class Worker {
  public:
-  ToolRunner();
-  ~ToolRunner();
-  ToolRunner(const ToolRunner&) = delete;
-  ToolRunner& operator=(const ToolRunner&) = delete;
+  Worker();
+  ~Worker();
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
 
   void post(std::function<void()> job);
   void stop();
