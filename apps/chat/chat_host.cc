@@ -10,6 +10,8 @@
 namespace orvi_chat {
 namespace {
 
+constexpr int32_t kResends = 2;
+
 const char* stateText(orvi::net::ConnectionState state) {
   switch (state) {
     case orvi::net::ConnectionState::Connecting: return "connecting";
@@ -243,6 +245,9 @@ ChatSession* ChatHost::open(const std::string& local_id) {
   std::string error;
   orvi::ConversationOptions options;
   options.uplink_message_ack_timeout_ms = settings_.ack_timeout_ms;
+  // A message the server did not acknowledge in time is sent again, twice
+  // at most, before it is reported as failed.
+  options.max_resend_uplink_message_count = kResends;
   session_ = ChatSession::open(local_id, options, net_, terminal_, &error);
   if (!session_) {
     terminal_->line("open", error);

@@ -40,9 +40,8 @@ struct HostSettings {
   std::string log_path;  // empty: orvi-chat.log in the cache directory
   std::shared_ptr<LogFile> log;
   bool verbose = false;
-  // How long a sent message waits for its acknowledgement; empty: the
-  // library's default. The library's timer keeps the process alive until
-  // the last wait has run out, so a short script wants it short.
+  // How long a sent message waits for its acknowledgement before it is sent
+  // again; empty: the library's default.
   std::optional<int32_t> ack_timeout_ms;
 };
 

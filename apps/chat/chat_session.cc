@@ -131,7 +131,11 @@ std::string answerText(const orvi::AssistantMessage& message) {
 // the one that explains it.
 class ChatSession::Listener final : public orvi::ConversationListener, public ConnectionWatcher {
  public:
-  explicit Listener(std::shared_ptr<Terminal> terminal) : terminal_(std::move(terminal)) {}
+  // `ack_timeout` and `resends` are the conversation's: how long a message
+  // waits for its acknowledgement, and how often it is sent again.
+  Listener(std::shared_ptr<Terminal> terminal, std::chrono::milliseconds ack_timeout,
+           int32_t resends)
+      : terminal_(std::move(terminal)), ack_timeout_(ack_timeout), resends_(resends) {}
 
   void attach(const std::shared_ptr<orvi::Conversation>& conversation) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -261,8 +265,10 @@ class ChatSession::Listener final : public orvi::ConversationListener, public Co
     // The library reports a message before it leaves; when the sender
     // refuses it, it reports it again as failed.
     bool refused = false;
+    bool first_report = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
+      first_report = sent_.count(message.local_message_id) == 0;
       SentMessage& sent = sent_[message.local_message_id];
       sent.label = userLabel(message);
       if (message.section) sent.local_section_id = message.section->local_section_id;
@@ -271,6 +277,7 @@ class ChatSession::Listener final : public orvi::ConversationListener, public Co
       refusals_ += refused;
     }
     if (refused) terminal_->line("ack", userLabel(message) + " not sent: no connection");
+    if (first_report) watchAcknowledgement(message.local_message_id, 1);
     changed_.notify_all();
   }
 
@@ -380,6 +387,28 @@ class ChatSession::Listener final : public orvi::ConversationListener, public Co
     bool not_sent = false;  // the sender refused it
     bool settled = false;   // it has its outcome
   };
+
+  // Says so when the message still waits for its acknowledgement a little
+  // after the library's time-out, at which the library sends it again while
+  // resends are left.
+  void watchAcknowledgement(const std::string& local_message_id, int32_t round) {
+    constexpr std::chrono::milliseconds kAfterTheLibrary(200);
+    worker_.postAfter(ack_timeout_ + kAfterTheLibrary, [this, local_message_id, round] {
+      std::string label;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto it = sent_.find(local_message_id);
+        const bool waiting = it != sent_.end() && !it->second.settled && !it->second.not_sent &&
+                             answered_sections_.count(it->second.local_section_id) == 0;
+        if (!waiting) return;
+        label = it->second.label;
+      }
+      const bool resent = round <= resends_;
+      terminal_->line("ack",
+                      label + (resent ? " not accepted yet; sent again" : " not accepted yet"));
+      if (resent) watchAcknowledgement(local_message_id, round + 1);
+    });
+  }
 
   size_t unsettledLocked() const {
     size_t count = 0;
@@ -496,6 +525,8 @@ class ChatSession::Listener final : public orvi::ConversationListener, public Co
   }
 
   const std::shared_ptr<Terminal> terminal_;
+  const std::chrono::milliseconds ack_timeout_;
+  const int32_t resends_;
   std::atomic<bool> popping_up_{false};
   std::atomic<bool> following_{false};
   std::map<std::string, AnswerText> streaming_;  // by message id; delivery threads only
@@ -568,7 +599,12 @@ std::unique_ptr<ChatSession> ChatSession::open(const std::string& local_id,
     if (error) *error = "the hub refused to open '" + local_id + "' (is it open already?)";
     return nullptr;
   }
-  auto listener = std::make_shared<Listener>(terminal);
+  constexpr int32_t kLibraryAckTimeoutMs = 5000;
+  auto listener = std::make_shared<Listener>(
+      terminal,
+      std::chrono::milliseconds(
+          options.uplink_message_ack_timeout_ms.value_or(kLibraryAckTimeoutMs)),
+      options.max_resend_uplink_message_count.value_or(-1));
   listener->attach(conversation);
   conversation->listen(listener);
   auto inbound = conversation->connect(net);

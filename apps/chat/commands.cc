@@ -151,6 +151,7 @@ int runInteractive(const ChatOptions& options, const std::shared_ptr<Terminal>& 
   settings.cache_dir = options.cache_dir.empty() ? defaultCacheDir() : options.cache_dir;
   settings.log_path = options.log_file;
   settings.log = log;
+  settings.ack_timeout_ms = options.ack_timeout_ms;
   settings.verbose = options.verbose;
   ChatHost host(std::move(settings), terminal);
   std::string error;

@@ -52,11 +52,22 @@ std::optional<ChatOptions> parseArguments(const std::vector<std::string>& args,
     if (flag == "--conversation") target = &options.conversation;
     if (flag == "--log") target = &options.log_file;
     const bool is_header = flag == "--header";
-    if (!target && !is_header) return fail("unknown argument '" + flag + "'");
+    const bool is_ack_timeout = flag == "--ack-timeout-ms";
+    if (!target && !is_header && !is_ack_timeout) return fail("unknown argument '" + flag + "'");
     if (i + 1 >= args.size() || args[i + 1].empty()) return fail(flag + " needs a value");
     const std::string& value = args[++i];
     if (target) {
       *target = value;
+      continue;
+    }
+    if (is_ack_timeout) {
+      char* end = nullptr;
+      const long ms = std::strtol(value.c_str(), &end, 10);
+      if (*end != '\0' || ms < 1 || ms > 600000) {
+        return fail("--ack-timeout-ms wants a number of milliseconds in [1, 600000], got '" +
+                    value + "'");
+      }
+      options.ack_timeout_ms = static_cast<int32_t>(ms);
       continue;
     }
     std::pair<std::string, std::string> header;
@@ -82,7 +93,7 @@ std::string defaultCacheDir() {
 const char* usageText() {
   return "usage: orvi-chat --server ws://HOST:PORT/chat [--http http://HOST:PORT]\n"
          "                 [--cache DIR] [--header NAME:VALUE]... [--conversation LOCAL_ID]\n"
-         "                 [--log FILE] [--verbose]\n"
+         "                 [--log FILE] [--ack-timeout-ms N] [--verbose]\n"
          "       orvi-chat --demo [--cache DIR] [--log FILE] [--verbose]\n"
          "\n"
          "Interactive: type a prompt, or /help for the commands.\n"

@@ -2,6 +2,7 @@
 // yet acted on. Parsing has no side effects, so it can be tested alone.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,6 +19,7 @@ struct ChatOptions {
   std::string cache_dir;     // --cache DIR; empty: the default (interactive) or a temp dir (demo)
   std::string conversation;  // --conversation LOCAL_ID; empty: a new conversation
   std::string log_file;      // --log FILE; empty: orvi-chat.log in the cache directory
+  std::optional<int32_t> ack_timeout_ms;  // --ack-timeout-ms N; empty: the library's default
   std::vector<std::pair<std::string, std::string>> headers;  // --header K:V, in order
 };
 

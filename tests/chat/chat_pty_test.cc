@@ -117,6 +117,21 @@ TEST_F(ChatPtyTest, QuitWaitsOnlyForWhatIsPendingAndKeepsIt) {
       EXPECT_EQ(output.find(leak), std::string::npos) << leak << " in\n" << output;
     }
   }
+  {
+    // A prompt not acknowledged in time (and not answered either: the
+    // answer follows the acknowledgement) is said to be sent again, then
+    // accepted once; the resend is not answered a second time.
+    PtyProgram chat;
+    startChat(chat, {"--ack-timeout-ms", "1000"});
+    chat.type("slow one");
+    ASSERT_TRUE(chat.waitFor("prompt \"slow one\" not accepted yet; sent again", kStep))
+        << chat.output();
+    ASSERT_TRUE(chat.waitFor("prompt \"slow one\" accepted", kStep)) << chat.output();
+    ASSERT_TRUE(chat.waitFor("section  completed", kStep)) << chat.output();
+    quit(chat);
+    EXPECT_EQ(count(chat.output(), "You said: slow one"), 1u) << chat.output();
+    EXPECT_EQ(count(chat.output(), "\"slow one\" accepted"), 1u) << chat.output();
+  }
   std::ifstream log(cache_.file("orvi-chat.log"));
   std::stringstream logged;
   logged << log.rdbuf();

@@ -26,6 +26,9 @@ TEST(ChatOptionsTest, RefusesIncompleteOrUnknownArguments) {
       {{"--server", "ws://h:1/chat", "--header", " :token"}, "NAME:VALUE"},
       {{"--server", "ws://h:1/chat", "--verbosity"}, "unknown argument '--verbosity'"},
       {{"ws://h:1/chat"}, "unknown argument"},
+      {{"--server", "ws://h:1/chat", "--ack-timeout-ms", "0"}, "[1, 600000]"},
+      {{"--server", "ws://h:1/chat", "--ack-timeout-ms", "5s"}, "got '5s'"},
+      {{"--server", "ws://h:1/chat", "--ack-timeout-ms", "99999999999"}, "[1, 600000]"},
   };
   for (const auto& test : cases) {
     std::string error;
@@ -36,11 +39,11 @@ TEST(ChatOptionsTest, RefusesIncompleteOrUnknownArguments) {
 
 TEST(ChatOptionsTest, ReadsEveryFlagAndKeepsHeadersInOrder) {
   std::string error;
-  const auto options =
-      parseArguments({"--server", "wss://chat.example:443/chat", "--http", "https://chat.example",
-                      "--cache", "/tmp/c", "--header", "Authorization: Bearer a:b:c", "--header",
-                      "X-Trace:7", "--conversation", "lc-1", "--verbose"},
-                     &error);
+  const auto options = parseArguments(
+      {"--server", "wss://chat.example:443/chat", "--http", "https://chat.example", "--cache",
+       "/tmp/c", "--header", "Authorization: Bearer a:b:c", "--header", "X-Trace:7",
+       "--conversation", "lc-1", "--log", "/tmp/l.log", "--ack-timeout-ms", "750", "--verbose"},
+      &error);
   ASSERT_TRUE(options.has_value()) << error;
   EXPECT_FALSE(options->demo);
   EXPECT_TRUE(options->verbose);
@@ -48,6 +51,8 @@ TEST(ChatOptionsTest, ReadsEveryFlagAndKeepsHeadersInOrder) {
   EXPECT_EQ(options->http_url, "https://chat.example");
   EXPECT_EQ(options->cache_dir, "/tmp/c");
   EXPECT_EQ(options->conversation, "lc-1");
+  EXPECT_EQ(options->log_file, "/tmp/l.log");
+  EXPECT_EQ(options->ack_timeout_ms, std::optional<int32_t>(750));
   // Only the first ':' splits: a token may contain more.
   const std::vector<std::pair<std::string, std::string>> headers = {
       {"Authorization", "Bearer a:b:c"}, {"X-Trace", "7"}};
