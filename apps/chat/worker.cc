@@ -51,7 +51,10 @@ void Worker::run() {
       if (delayed_.empty()) {
         wake_.wait(lock);
       } else {
-        wake_.wait_until(lock, delayed_.begin()->first);
+        // A copy: the job may be dropped (stop) while this waits, and the
+        // wait reads its deadline again when it wakes.
+        const Clock::time_point due = delayed_.begin()->first;
+        wake_.wait_until(lock, due);
       }
       continue;
     }
