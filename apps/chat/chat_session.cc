@@ -240,20 +240,29 @@ class ChatSession::Listener final : public orvi::ConversationListener, public Co
   void onAck(const std::string& local_message_id, orvi::AckStatus status) override {
     std::string label = "message";
     bool quiet = false;
+    bool refused_then_accepted = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       const auto it = sent_.find(local_message_id);
       if (it != sent_.end()) {
         SentMessage& sent = it->second;
         label = sent.label;
-        // A message the sender refused was reported as not sent already;
-        // one whose answer arrived evidently reached the server.
-        quiet = sent.not_sent || (status == orvi::AckStatus::Timeout &&
-                                  answered_sections_.count(sent.local_section_id) > 0);
+        // A message the sender refused was reported as not sent already,
+        // unless a resend got through after all; one whose answer arrived
+        // evidently reached the server.
+        refused_then_accepted = sent.not_sent && status == orvi::AckStatus::Acked;
+        quiet = (sent.not_sent && !refused_then_accepted) ||
+                (status == orvi::AckStatus::Timeout &&
+                 answered_sections_.count(sent.local_section_id) > 0);
         sent.settled = true;
       }
     }
-    if (!quiet) terminal_->line("ack", label + " " + ackText(status));
+    if (refused_then_accepted) {
+      terminal_->line("ack",
+                      label + " accepted after all: sent again once the connection was back");
+    } else if (!quiet) {
+      terminal_->line("ack", label + " " + ackText(status));
+    }
     record([&](SessionFacts& facts) { facts.acks[local_message_id] = status; });
   }
 

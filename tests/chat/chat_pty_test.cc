@@ -262,9 +262,23 @@ TEST_F(ChatPtyTest, CommandsSayWhatHappened) {
   ASSERT_TRUE(chat.waitFor("section  completed", kStep)) << chat.output();
   EXPECT_EQ(conversationId(chat.output()), first) << "a mistyped /open replaced the conversation";
 
-  // The server forgets everything; the conversation can then be deleted
-  // only locally, and the remote history says it failed, not that it ended.
+  // With the server gone, a prompt is reported not sent, once, and the
+  // history says so.
   emulator_.kill();
+  ASSERT_TRUE(chat.waitFor("net      disconnected", kStep)) << chat.output();
+  size_t from = chat.output().size();
+  chat.type("offline prompt");
+  ASSERT_TRUE(chat.waitFor("prompt \"offline prompt\" not sent", kStep)) << chat.output();
+  chat.type("/history 10");
+  ASSERT_TRUE(chat.waitFor("(start of the conversation)", kStep)) << chat.output();
+  EXPECT_EQ(count(chat.output().substr(from), "not sent"), 2u) << chat.output().substr(from);
+  const auto history = historyLines(chat.output(), from);
+  ASSERT_GE(history.size(), 2u) << chat.output();
+  EXPECT_EQ(history[history.size() - 2], "you: offline prompt  (not sent)") << chat.output();
+
+  // The server comes back having forgotten everything; the conversation can
+  // then be deleted only locally, and the remote history says it failed,
+  // not that it ended.
   std::string error;
   ASSERT_TRUE(emulator_.restart(&error)) << error;
   chat.type("/remote-history");
@@ -276,7 +290,7 @@ TEST_F(ChatPtyTest, CommandsSayWhatHappened) {
   ASSERT_TRUE(chat.waitFor("the server refused", kStep)) << chat.output();
   chat.type("/delete " + first + " local");
   ASSERT_TRUE(chat.waitFor("removed from the local history", kStep)) << chat.output();
-  const size_t from = chat.output().size();
+  from = chat.output().size();
   chat.type("/list");
   chat.type("/help");
   ASSERT_TRUE(chat.waitFor("help     /help", kStep)) << chat.output();

@@ -83,6 +83,35 @@ TEST_F(CacherTest, WritesRunInPostingOrderAndSurviveAThrowingExecutor) {
   EXPECT_TRUE(cacher->waitForWrites(kPatience));
 }
 
+// A host that stores a message and then reads its history finds it: a read
+// waits for the writes queued before it. It leaves a failure among them to
+// be reported by the next wait for writes, as if it had not looked.
+TEST_F(CacherTest, AReadSeesTheWritesQueuedBeforeItAndLeavesFailuresToTheNextFlush) {
+  struct Refusing : MemorySqlExecutor {
+    bool insertMessage(const MessageRecord& record) override {
+      return record.content != "refused" && MemorySqlExecutor::insertMessage(record);
+    }
+  };
+  sql_ = std::make_shared<Refusing>();
+  auto cacher = makeCacher();
+  std::vector<std::string> written;
+  std::unique_lock<std::mutex> gate(sql_->writeGate());
+  for (int i = 0; i < 5; ++i) {
+    written.push_back(std::to_string(i));
+    cacher->insertMessage(message("c", written.back()));
+  }
+  cacher->insertMessage(message("c", "refused"));
+  ASSERT_TRUE(eventually([&] { return sql_->writesEntered() == 1; }));  // write 0 waits at the gate
+  std::vector<std::string> seen;
+  std::thread reader([&] { seen = contents(cacher->queryMessages("c")); });
+  gate.unlock();
+  reader.join();
+  EXPECT_EQ(seen, written);
+  EXPECT_EQ(cacher->queryMessages("c", 0, 3).messages.size(), 3u);
+  EXPECT_FALSE(cacher->waitForWrites(kPatience));
+  EXPECT_TRUE(cacher->waitForWrites(kPatience));
+}
+
 TEST_F(CacherTest, DestroyingDropsQueuedWritesAndReleasesTheExecutor) {
   auto cacher = makeCacher();
   std::unique_lock<std::mutex> gate(sql_->writeGate());

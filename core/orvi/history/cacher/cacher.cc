@@ -101,6 +101,7 @@ std::vector<ConversationInfo> Cacher::queryConversations() {
 
 bool Cacher::queryConversations(std::vector<ConversationInfo>& out) {
   out.clear();
+  waitBeforeRead();
   auto target = executor();
   if (!target) {
     ORVI_LOGE("query conversations failed, sql executor is null");
@@ -118,6 +119,7 @@ bool Cacher::queryConversations(std::vector<ConversationInfo>& out) {
 }
 
 std::vector<MessageRecord> Cacher::queryMessages(const std::string& local_conversation_id) {
+  waitBeforeRead();
   auto target = executor();
   if (!target) {
     ORVI_LOGE("query messages of conversation(%s) failed, sql executor is null",
@@ -136,6 +138,7 @@ std::vector<MessageRecord> Cacher::queryMessages(const std::string& local_conver
 
 MessageQueryResult Cacher::queryMessages(const std::string& local_conversation_id, int32_t cursor,
                                          int32_t count) {
+  waitBeforeRead();
   auto target = executor();
   if (!target) {
     ORVI_LOGE("query message page of conversation(%s) failed, sql executor is null",
@@ -291,12 +294,21 @@ bool Cacher::waitWhileProgressing(std::chrono::milliseconds stall) {
   return waitFor(stall, true);
 }
 
-bool Cacher::waitFor(std::chrono::milliseconds patience, bool while_progressing) {
+// A task that reads (the merge of a recovery, say) runs after the writes
+// queued before it anyway.
+void Cacher::waitBeforeRead() {
+  if (std::this_thread::get_id() == worker_.get_id()) return;
+  waitFor(kReadStall, true, false);
+}
+
+bool Cacher::waitFor(std::chrono::milliseconds patience, bool while_progressing,
+                     bool reports_failures) {
   if (std::this_thread::get_id() == worker_.get_id()) {
     ORVI_LOGE("waitForWrites called on the io worker, which cannot wait for itself");
     return false;
   }
   auto barrier = std::make_shared<Barrier>();
+  barrier->reports_failures = reports_failures;
   Task task;
   task.operation = "wait for writes";
   task.barrier = barrier;
@@ -392,7 +404,7 @@ void Cacher::ioWorker(std::shared_ptr<WorkQueue> queue) {
         if (!barrier.abandoned) {
           barrier.reached = true;
           barrier.written = failures == 0;
-          failures = 0;
+          if (barrier.reports_failures) failures = 0;
         }
       }
       barrier.reached_cv.notify_all();

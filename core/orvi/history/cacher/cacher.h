@@ -55,9 +55,10 @@ class Cacher {
   bool init();
   bool inited() const { return inited_.load(); }
 
-  // Reads, run on the caller's thread. Without an executor, when the
-  // executor reports a failure or throws, they log an error and return
-  // nothing.
+  // Reads, run on the caller's thread once the writes queued before them
+  // have run (so a caller reads what it wrote), unless the worker makes no
+  // progress for kReadStall. Without an executor, when the executor
+  // reports a failure or throws, they log an error and return nothing.
   std::vector<ConversationInfo> queryConversations();
   // The same, false (and `out` empty) when the read failed.
   bool queryConversations(std::vector<ConversationInfo>& out);
@@ -112,6 +113,10 @@ class Cacher {
   // up only when `stall` passes without the worker finishing any task.
   bool waitWhileProgressing(std::chrono::milliseconds stall);
 
+  // How long a read waits without the worker finishing any task before it
+  // reads without the writes still queued.
+  static constexpr std::chrono::milliseconds kReadStall{2000};
+
   // Moves the legacy JSON history ("orvi_history.json" and one message file
   // per conversation in the cache directory) into the executor, once: the
   // executor remembers that it ran, and a failed read of the index is final
@@ -130,6 +135,9 @@ class Cacher {
     bool reached = false;    // guarded by mutex
     bool written = false;    // guarded by mutex: no failure before it
     bool abandoned = false;  // guarded by mutex: the waiter gave up
+    // The failures before it are reported to this waiter (and cleared);
+    // a read's barrier leaves them for the next flush.
+    bool reports_failures = true;
   };
 
   // One queued task: a write to the executor registered when it was posted,
@@ -159,7 +167,9 @@ class Cacher {
   void post(Task task);
   // Queues `write` with the current executor, or logs that there is none.
   void postWrite(const char* operation, Write write);
-  bool waitFor(std::chrono::milliseconds patience, bool while_progressing);
+  bool waitFor(std::chrono::milliseconds patience, bool while_progressing,
+               bool reports_failures = true);
+  void waitBeforeRead();
 
   const std::string cache_dir_;
   const int64_t retention_days_;
