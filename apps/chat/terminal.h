@@ -1,6 +1,7 @@
 // The one place orvi-chat writes to the terminal. Lines come from the main
-// thread, the network I/O thread, the tool thread and the library's log
-// handler at once; one mutex serializes them, so a line is never torn.
+// thread, the network I/O thread and the session's worker at once; one
+// mutex serializes them, so a line is never torn. (Diagnostics go to the
+// log file, not here.)
 //
 // An assistant answer streams "in place": each update prints only the text
 // appended since the last one, on the same line, and the line ends when the
@@ -28,7 +29,7 @@ class Terminal {
 
   // "tag      text" on standard output.
   void line(const std::string& tag, const std::string& text);
-  // A diagnostic on standard error (log lines, failures).
+  // One of orvi-chat's own failures, on standard error.
   void diagnostic(const std::string& text);
   // The latest text of the answer `message_id`; `extends` tells that it
   // begins with the text of the previous update, `complete` ends its line.

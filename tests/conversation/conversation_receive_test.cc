@@ -537,5 +537,68 @@ TEST_F(ConversationReceiveTest, ARecoveredTurnIsStoredInItsOwnTurnWhenTheServerR
                                              "user:second in second", "assistant:new in second"}));
 }
 
+// A page of older sections updates what the history holds of them and adds
+// nothing: the history keeps messages in the order they were stored, and an
+// old section stored after the newest would be taken for the latest one by
+// the next recovery.
+TEST_F(ConversationReceiveTest, PagedRecoveryUpdatesStoredSectionsAndAddsNoOlderOnes) {
+  hub_->history()->addConversation("lc-1", "c-1", "");
+  server_->setScript([](ScriptedServer& s, const idl::UplinkMessage& up) {
+    s.deliver(ScriptedServer::ack(up, "c-1", "s-2", "um-2"));
+    s.deliver(ScriptedServer::assistant(up, "c-1", "s-2", "am-2", {{"text", "partial"}}));
+  });
+  auto conversation = open("lc-1");
+  conversation->sendMessage(prompt("newest"));
+  ASSERT_TRUE(waitFor([](const Calls& c) { return !c.assistant_messages.empty(); }));
+  ASSERT_TRUE(hub_->history()->flush());
+  const std::string local_section =
+      listener_->calls().assistant_messages[0].section->local_section_id;
+
+  server_->setRestScript([&](const HttpRequest& request) -> std::string {
+    if (request.scene == HttpRequestScene::RecoverSection) return R"({"ret":"1","errmsg":"-"})";
+    const auto message = [](const char* id, const char* section, const char* role,
+                            const std::string& payload) {
+      return Json{{"message_id", id},
+                  {"conversation_id", "c-1"},
+                  {"section_id", section},
+                  {"role", role},
+                  {"content", {{"payload", payload}, {"content_type", 1}}}};
+    };
+    const Json older = {{"status", 0},
+                        {"message_list",
+                         {message("um-1", "s-1", "user", "older"),
+                          message("am-1", "s-1", "assistant", R"({"text":"old answer"})")}}};
+    Json newest = {{"status", 0},
+                   {"message_list", {message("am-2", "s-2", "assistant", R"({"text":"whole"})")}}};
+    newest["message_list"][0]["local_section_id"] = local_section;
+    return Json{
+        {"ret", "0"},
+        {"data", {{"section_list", {older, newest}}, {"has_more", false}, {"next_cursor", ""}}}}
+        .dump();
+  });
+  ASSERT_TRUE(conversation->recoverRemoteSections("0", 5));
+  ASSERT_TRUE(waitFor([](const Calls& c) { return !c.recover_statuses.empty(); }));
+  ASSERT_TRUE(hub_->history()->flush());
+
+  std::vector<std::string> stored;  // "type:text" per row, in stored order
+  for (const auto& record : hub_->history()->getMessages("lc-1")) {
+    const Json frame = Json::parse(record);
+    if (frame.contains("messages")) {
+      stored.push_back("user:" + frame["messages"][0]["content"].value("payload", ""));
+    } else {
+      const Json message = Json::parse(frame["content"].get<std::string>());
+      stored.push_back("assistant:" +
+                       Json::parse(message["content"].value("payload", "{}")).value("text", ""));
+    }
+  }
+  EXPECT_EQ(stored, (std::vector<std::string>{"user:newest", "assistant:whole"}));
+
+  // The latest stored section is still the newest one.
+  ASSERT_TRUE(conversation->recoverRemoteSection());
+  ASSERT_TRUE(waitFor([](const Calls& c) { return c.recover_statuses.size() == 2; }));
+  const auto request = server_->requests().back();
+  EXPECT_EQ(Json::parse(*request.body).value("section_id", ""), "s-2");
+}
+
 }  // namespace
 }  // namespace orvi

@@ -148,7 +148,9 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
 
   // Recovery and history.
   void markRecovered(const RecoveredSection& section);
-  void deliverRecovered(const RecoveredSection& section);
+  // Hands a recovered section to the host and merges it into the history;
+  // with `add_missing` false only the messages already stored are updated.
+  void deliverRecovered(const RecoveredSection& section, bool add_missing);
   void followRunningSection(const RecoveredSection& section);
   uint64_t startRecovery(Recovery& recovery, const char* busy_format);
   void cancelRecovery(Recovery& recovery);

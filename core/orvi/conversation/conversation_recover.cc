@@ -207,7 +207,7 @@ void ConversationImpl::markRecovered(const RecoveredSection& section) {
   }
 }
 
-void ConversationImpl::deliverRecovered(const RecoveredSection& section) {
+void ConversationImpl::deliverRecovered(const RecoveredSection& section, bool add_missing) {
   const auto listener = this->listener();
   std::vector<MessagePtr> messages = section.messages;
   if (section.finish_system_message) messages.push_back(section.finish_system_message);
@@ -223,7 +223,7 @@ void ConversationImpl::deliverRecovered(const RecoveredSection& section) {
   for (const auto& message : section.messages) {
     if (message) checkpoints_.erase(message->envelope().message_id);
   }
-  if (history_) history_->mergeMessage(local_conversation_id_, section.messages);
+  if (history_) history_->mergeMessage(local_conversation_id_, section.messages, add_missing);
 }
 
 // The log lines of one kind of recovery.
@@ -417,7 +417,7 @@ void ConversationImpl::handleSectionAnswer(uint64_t generation, const std::strin
     }
     markRecovered(result.section);
     if (status == RecoverStatus::Started) followRunningSection(result.section);
-    deliverRecovered(result.section);
+    deliverRecovered(result.section, true);
     ORVI_LOGI("local conversation(%s) recover remote section [FINISH]",
               local_conversation_id_.c_str());
   }
@@ -495,7 +495,10 @@ void ConversationImpl::handleSectionsAnswer(uint64_t generation, const std::stri
   } else {
     for (const auto& section : result.sections) {
       markRecovered(section);
-      deliverRecovered(section);
+      // Older sections the history lacks are shown, not stored: the history
+      // keeps the order messages were stored in, and a section stored after
+      // newer ones would pass for the latest.
+      deliverRecovered(section, false);
     }
     ORVI_LOGI("local conversation(%s) recover remote sections [FINISH]",
               local_conversation_id_.c_str());

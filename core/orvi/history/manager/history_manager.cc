@@ -384,7 +384,7 @@ std::string HistoryManager::findLocalSection(const std::string& local_conversati
 }
 
 void HistoryManager::mergeMessage(const std::string& local_conversation_id,
-                                  const std::vector<MessagePtr>& messages) {
+                                  const std::vector<MessagePtr>& messages, bool add_missing) {
   // The switch is read after the cacher, which init publishes after it.
   auto cacher = readyCacher("mergeMessage");
   if (!cacher || !enable_merge_) return;
@@ -418,7 +418,7 @@ void HistoryManager::mergeMessage(const std::string& local_conversation_id,
     }
     if (stored) {
       updateMessage(message);
-    } else {
+    } else if (add_missing) {
       recordMessage(message);
     }
   }

@@ -89,9 +89,9 @@ class HistoryManager {
                                const std::vector<MessagePtr>& messages);
   // With the merge switch on, stores user and assistant messages, updating
   // those already stored (same local id, or same server id in the same
-  // local section).
+  // local section); with `add_missing` false, only those.
   void mergeMessage(const std::string& local_conversation_id,
-                    const std::vector<MessagePtr>& messages);
+                    const std::vector<MessagePtr>& messages, bool add_missing = true);
 
   // Blocks until the writes queued before the call have reached the store,
   // at most `timeout`. True when all of them were written and none failed;
