@@ -540,7 +540,8 @@ TEST_F(ConversationReceiveTest, ARecoveredTurnIsStoredInItsOwnTurnWhenTheServerR
 // A page of older sections updates what the history holds of them and adds
 // nothing: the history keeps messages in the order they were stored, and an
 // old section stored after the newest would be taken for the latest one by
-// the next recovery.
+// the next recovery. Nor is a page placed by its server section id alone:
+// after a server restart that id may name a later turn.
 TEST_F(ConversationReceiveTest, PagedRecoveryUpdatesStoredSectionsAndAddsNoOlderOnes) {
   hub_->history()->addConversation("lc-1", "c-1", "");
   server_->setScript([](ScriptedServer& s, const idl::UplinkMessage& up) {
@@ -554,6 +555,7 @@ TEST_F(ConversationReceiveTest, PagedRecoveryUpdatesStoredSectionsAndAddsNoOlder
   const std::string local_section =
       listener_->calls().assistant_messages[0].section->local_section_id;
 
+  bool earlier_run = false;  // the next page is from before a server restart
   server_->setRestScript([&](const HttpRequest& request) -> std::string {
     if (request.scene == HttpRequestScene::RecoverSection) return R"({"ret":"1","errmsg":"-"})";
     const auto message = [](const char* id, const char* section, const char* role,
@@ -564,6 +566,15 @@ TEST_F(ConversationReceiveTest, PagedRecoveryUpdatesStoredSectionsAndAddsNoOlder
                   {"role", role},
                   {"content", {{"payload", payload}, {"content_type", 1}}}};
     };
+    if (earlier_run) {  // the same ids, another turn, no local ids echoed
+      const Json reused = {
+          {"status", 0},
+          {"message_list",
+           {message("am-2", "s-2", "assistant", R"({"text":"from an earlier run"})")}}};
+      return Json{{"ret", "0"},
+                  {"data", {{"section_list", {reused}}, {"has_more", false}, {"next_cursor", ""}}}}
+          .dump();
+    }
     const Json older = {{"status", 0},
                         {"message_list",
                          {message("um-1", "s-1", "user", "older"),
@@ -578,6 +589,9 @@ TEST_F(ConversationReceiveTest, PagedRecoveryUpdatesStoredSectionsAndAddsNoOlder
   });
   ASSERT_TRUE(conversation->recoverRemoteSections("0", 5));
   ASSERT_TRUE(waitFor([](const Calls& c) { return !c.recover_statuses.empty(); }));
+  earlier_run = true;
+  ASSERT_TRUE(conversation->recoverRemoteSections("7", 5));
+  ASSERT_TRUE(waitFor([](const Calls& c) { return c.recover_statuses.size() == 2; }));
   ASSERT_TRUE(hub_->history()->flush());
 
   std::vector<std::string> stored;  // "type:text" per row, in stored order
@@ -595,7 +609,7 @@ TEST_F(ConversationReceiveTest, PagedRecoveryUpdatesStoredSectionsAndAddsNoOlder
 
   // The latest stored section is still the newest one.
   ASSERT_TRUE(conversation->recoverRemoteSection());
-  ASSERT_TRUE(waitFor([](const Calls& c) { return c.recover_statuses.size() == 2; }));
+  ASSERT_TRUE(waitFor([](const Calls& c) { return c.recover_statuses.size() == 3; }));
   const auto request = server_->requests().back();
   EXPECT_EQ(Json::parse(*request.body).value("section_id", ""), "s-2");
 }

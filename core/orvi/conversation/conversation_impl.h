@@ -147,7 +147,10 @@ class ConversationImpl : public Conversation, public Transport::Listener, public
   void storeCheckpoints();
 
   // Recovery and history.
-  void markRecovered(const RecoveredSection& section);
+  // `latest`: the section is the conversation's latest one, so a server
+  // section id may place it (ids repeat after a server restart; only the
+  // newest stored use of one is this section).
+  void markRecovered(const RecoveredSection& section, bool latest);
   // Hands a recovered section to the host and merges it into the history;
   // with `add_missing` false only the messages already stored are updated.
   void deliverRecovered(const RecoveredSection& section, bool add_missing);

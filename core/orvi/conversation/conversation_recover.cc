@@ -176,7 +176,7 @@ int32_t ConversationImpl::popupHistoryMessages(bool only_latest_section, int32_t
 // Recovered messages carry the section they belong to and their real
 // state: in a section that is still running, its newest answer is still
 // streaming.
-void ConversationImpl::markRecovered(const RecoveredSection& section) {
+void ConversationImpl::markRecovered(const RecoveredSection& section, bool latest) {
   // A server that does not echo the local section leaves it to be found
   // from what is stored: without it the turn's answers would be stored
   // apart from their prompt.
@@ -184,8 +184,9 @@ void ConversationImpl::markRecovered(const RecoveredSection& section) {
       std::any_of(section.messages.begin(), section.messages.end(),
                   [](const MessagePtr& m) { return m->localSectionId().empty(); });
   const std::string local_section =
-      unplaced && history_ ? history_->findLocalSection(local_conversation_id_, section.messages)
-                           : std::string();
+      unplaced && history_
+          ? history_->findLocalSection(local_conversation_id_, section.messages, latest)
+          : std::string();
   MessagePtr newest_answer;
   for (const auto& message : section.messages) {
     message->envelope().local_conversation_id = local_conversation_id_;
@@ -415,7 +416,7 @@ void ConversationImpl::handleSectionAnswer(uint64_t generation, const std::strin
           local_conversation_id_.c_str(), static_cast<int>(status));
       status = RecoverStatus::Cancelled;
     }
-    markRecovered(result.section);
+    markRecovered(result.section, true);
     if (status == RecoverStatus::Started) followRunningSection(result.section);
     deliverRecovered(result.section, true);
     ORVI_LOGI("local conversation(%s) recover remote section [FINISH]",
@@ -494,7 +495,7 @@ void ConversationImpl::handleSectionsAnswer(uint64_t generation, const std::stri
     status = RecoverStatus::Failed;
   } else {
     for (const auto& section : result.sections) {
-      markRecovered(section);
+      markRecovered(section, false);
       // Older sections the history lacks are shown, not stored: the history
       // keeps the order messages were stored in, and a section stored after
       // newer ones would pass for the latest.

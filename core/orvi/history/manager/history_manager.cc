@@ -360,7 +360,8 @@ void HistoryManager::deleteNamedMessages(const std::string& local_conversation_i
 }
 
 std::string HistoryManager::findLocalSection(const std::string& local_conversation_id,
-                                             const std::vector<MessagePtr>& messages) {
+                                             const std::vector<MessagePtr>& messages,
+                                             bool by_server_section) {
   auto cacher = readyCacher("findLocalSection");
   if (!cacher) return std::string();
   std::unordered_set<std::string> local_ids;
@@ -380,7 +381,7 @@ std::string HistoryManager::findLocalSection(const std::string& local_conversati
       by_section = record.local_section_id;  // the newest wins: ids come back after a restart
     }
   }
-  return by_prompt.empty() ? by_section : by_prompt;
+  return by_prompt.empty() && by_server_section ? by_section : by_prompt;
 }
 
 void HistoryManager::mergeMessage(const std::string& local_conversation_id,

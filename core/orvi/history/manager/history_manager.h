@@ -84,9 +84,11 @@ class HistoryManager {
   // The local section of a turn the server handed back, for a server that
   // does not echo it: that of the stored prompt among `messages` (by local
   // id), else that of the newest stored message of their server section.
-  // Empty when neither is stored.
+  // Empty when neither is stored; without `by_server_section`, only the
+  // prompt's counts.
   std::string findLocalSection(const std::string& local_conversation_id,
-                               const std::vector<MessagePtr>& messages);
+                               const std::vector<MessagePtr>& messages,
+                               bool by_server_section = true);
   // With the merge switch on, stores user and assistant messages, updating
   // those already stored (same local id, or same server id in the same
   // local section); with `add_missing` false, only those.
