@@ -41,12 +41,20 @@ std::vector<std::string> linesOf(const std::string& output) {
   return lines;
 }
 
-// The "history" lines printed after `from`.
-std::vector<std::string> historyLines(const std::string& output, size_t from) {
+// Types /history 10 and returns the messages it listed ("you: ...",
+// "bot: ..."), without the line that ends the page.
+std::vector<std::string> showHistory(PtyProgram& chat) {
+  const size_t from = chat.output().size();
+  chat.type("/history 10");
+  if (!chat.waitFor("(start of the conversation)", kStep)) {
+    ADD_FAILURE() << "no end of the history page in\n" << chat.output();
+    return {};
+  }
   std::vector<std::string> lines;
-  for (const auto& line : linesOf(output.substr(from))) {
+  for (const auto& line : linesOf(chat.output().substr(from))) {
     if (line.rfind("history  ", 0) == 0) lines.push_back(line.substr(9));
   }
+  if (!lines.empty()) lines.pop_back();  // "(start of the conversation)"
   return lines;
 }
 
@@ -139,10 +147,7 @@ TEST_F(ChatPtyTest, QuitWaitsOnlyForWhatIsPendingAndKeepsIt) {
 
   PtyProgram again;
   startChat(again, {"--conversation", id});
-  const size_t from = again.output().size();
-  again.type("/history 10");
-  ASSERT_TRUE(again.waitFor("(start of the conversation)", kStep)) << again.output();
-  const auto history = historyLines(again.output(), from);
+  const auto history = showHistory(again);
   ASSERT_FALSE(history.empty()) << again.output();
   EXPECT_EQ(history.front(), "you: remember me") << again.output();
   quit(again);
@@ -162,11 +167,8 @@ TEST_F(ChatPtyTest, APromptTypedDuringAnAnswerIsQueuedAndBothAnswersAreKept) {
   ASSERT_TRUE(chat.waitFor("you      and then?", kStep)) << chat.output();
   ASSERT_TRUE(chat.waitFor("section  completed", kStep)) << chat.output();
 
-  const size_t from = chat.output().size();
-  chat.type("/history 10");
-  ASSERT_TRUE(chat.waitFor("(start of the conversation)", kStep)) << chat.output();
-  const auto history = historyLines(chat.output(), from);
-  ASSERT_EQ(history.size(), 5u) << chat.output();  // four messages and the end of the page
+  const auto history = showHistory(chat);
+  ASSERT_EQ(history.size(), 4u) << chat.output();
   EXPECT_EQ(history[0], "you: tell me a story");
   EXPECT_EQ(history[1].find("bot: You said: tell me a story. Once upon"), 0u) << history[1];
   EXPECT_NE(history[1].find(kStoryEnd), std::string::npos) << history[1];
@@ -197,11 +199,8 @@ TEST_F(ChatPtyTest, AnAnswerCutMidStreamIsRecoveredInPlace) {
   ASSERT_TRUE(chat.waitFor("you      after the story", kStep)) << chat.output();
   ASSERT_TRUE(chat.waitFor("section  completed", kStep)) << chat.output();
 
-  const size_t from = chat.output().size();
-  chat.type("/history 10");
-  ASSERT_TRUE(chat.waitFor("(start of the conversation)", kStep)) << chat.output();
-  const auto history = historyLines(chat.output(), from);
-  ASSERT_EQ(history.size(), 5u) << chat.output();
+  const auto history = showHistory(chat);
+  ASSERT_EQ(history.size(), 4u) << chat.output();
   EXPECT_EQ(history[0], "you: tell me a story");
   EXPECT_NE(history[1].find(kStoryEnd), std::string::npos) << history[1];
   EXPECT_EQ(history[1].find("(unfinished)"), std::string::npos) << history[1];
@@ -230,11 +229,8 @@ TEST_F(ChatPtyTest, AServerRestartMidAnswerKeepsEveryTurnApart) {
   ASSERT_TRUE(chat.waitFor("bot      You said: after the restart", kStep)) << chat.output();
   ASSERT_TRUE(chat.waitFor("section  completed", kStep)) << chat.output();
 
-  const size_t from = chat.output().size();
-  chat.type("/history 10");
-  ASSERT_TRUE(chat.waitFor("(start of the conversation)", kStep)) << chat.output();
-  const auto history = historyLines(chat.output(), from);
-  ASSERT_EQ(history.size(), 7u) << chat.output();  // six messages and the end of the page
+  const auto history = showHistory(chat);
+  ASSERT_EQ(history.size(), 6u) << chat.output();
   EXPECT_EQ(history[0], "you: hello");
   EXPECT_EQ(history[1].find("bot: You said: hello."), 0u) << history[1];
   EXPECT_EQ(history[2], "you: tell me a story");
@@ -269,12 +265,10 @@ TEST_F(ChatPtyTest, CommandsSayWhatHappened) {
   size_t from = chat.output().size();
   chat.type("offline prompt");
   ASSERT_TRUE(chat.waitFor("prompt \"offline prompt\" not sent", kStep)) << chat.output();
-  chat.type("/history 10");
-  ASSERT_TRUE(chat.waitFor("(start of the conversation)", kStep)) << chat.output();
+  const auto history = showHistory(chat);
   EXPECT_EQ(count(chat.output().substr(from), "not sent"), 2u) << chat.output().substr(from);
-  const auto history = historyLines(chat.output(), from);
-  ASSERT_GE(history.size(), 2u) << chat.output();
-  EXPECT_EQ(history[history.size() - 2], "you: offline prompt  (not sent)") << chat.output();
+  ASSERT_FALSE(history.empty()) << chat.output();
+  EXPECT_EQ(history.back(), "you: offline prompt  (not sent)") << chat.output();
 
   // The server comes back having forgotten everything; the conversation can
   // then be deleted only locally, and the remote history says it failed,
